@@ -1,0 +1,92 @@
+#pragma once
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QString>
+
+class QFile;
+class QNetworkAccessManager;
+class QNetworkReply;
+
+class Downloader : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(int progress READ progress NOTIFY progressChanged)
+    Q_PROPERTY(QString status READ status NOTIFY statusChanged)
+    Q_PROPERTY(bool isFinished READ isFinished NOTIFY isFinishedChanged)
+    Q_PROPERTY(bool hasError READ hasError NOTIFY hasErrorChanged)
+    Q_PROPERTY(int phase READ phase NOTIFY phaseChanged)
+    Q_PROPERTY(QString version READ version CONSTANT)
+
+public:
+    Downloader(const QString &version, const QString &url, const QString &sha256, bool packageFlag,
+               QObject *parent = nullptr);
+    ~Downloader() override;
+
+    int progress() const { return m_progress; }
+    QString status() const { return m_status; }
+    bool isFinished() const { return m_isFinished; }
+    bool hasError() const { return m_hasError; }
+    int phase() const { return m_phase; }
+    QString version() const { return m_version; }
+
+    QString packageFilePath() const { return m_packageFilePath; }
+
+    void startInstall();
+    void postState(const QString &message, int phase, bool error);
+
+    // Set by the owner right after construction; read by the hand-over only.
+    bool autoMode = false;
+    // How long the interactive hand-over watches the swap script's status
+    // file: 300 polls a second apart. Fixed before the worker starts.
+    int statusPolls = 300;
+    int statusPollIntervalMs = 1000;
+
+signals:
+    void progressChanged();
+    void statusChanged();
+    void isFinishedChanged();
+    void hasErrorChanged();
+    void phaseChanged();
+    void done();
+
+public slots:
+    void cancel();
+    void openInstallDir();
+    void openInstalledApp();
+    void close();
+
+private:
+    void onReadyRead();
+    void onDownloadProgress(qint64 received, qint64 total);
+    void onDownloadFinished();
+    void onInstallWorkerFinished();
+
+    void verifyAndExtract();
+    bool verifyChecksum();
+    void installHandOver(const QString &sourceRoot, const QString &tempLocation);
+    void applyState(const QString &message, int phase, bool error);
+
+    void setProgress(int progress);
+    void setStatus(const QString &status);
+    void setIsFinished(bool finished);
+    void setHasError(bool error);
+    void setPhase(int phase);
+    void fail(const QString &message);
+
+    QString m_downloadUrl;
+    QString m_version;
+    QString m_expectedSha256;
+    QString m_packageFilePath;
+    QString m_installDir;
+    int m_progress = 0;
+    QString m_status;
+    bool m_isFinished = false;
+    bool m_hasError = false;
+    bool m_installerPackage = false;
+    int m_phase = 0;
+    QNetworkAccessManager *m_manager = nullptr;
+    QNetworkReply *m_reply = nullptr;
+    QFile *m_file = nullptr;
+    QElapsedTimer m_throttle;
+};

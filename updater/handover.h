@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+// Encloses a value in single quotes for bash, each embedded quote as '\''.
+QString shellQuote(const QString &value);
+
+// The new bundle below the extraction: the root itself when it is a ".app"
+// directory, else the first ".app" at most two levels down, in listing order.
+// Empty when there is none.
+QString findNewBundle(const QString &sourceRoot);
+
+struct SwapScriptValues
+{
+    QString srcApp;
+    QString dstApp;
+    QString legacyApp;
+    QString srcRoot;
+    QString expectVersion;
+    QString expectArch;
+    bool autoMode = false;
+    QString statusPath;
+};
+
+// The swap script body as it is compiled into the updater (UTF-8 bytes).
+QByteArray swapScriptBody();
+
+// "#!/bin/bash", "set +e", the twelve header lines and the body, encoded as
+// the file on disk holds it.
+QByteArray buildSwapScript(const SwapScriptValues &values);
+
+// What a status word means to the interactive watch: the message key to
+// post, or nullptr while the script has not decided.
+const char *statusVerdictKey(const QByteArray &content);

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QString>
+#include <QStringList>
+
+struct InstallLocation
+{
+    QString dstApp;
+    QString legacyApp;
+};
+
+// The argument list and the running directory are parameters so that the
+// rules can be exercised from a table; the program always uses the defaults.
+bool hasArgument(const QString &name, const QStringList &arguments = QCoreApplication::arguments());
+QString argumentValue(const QString &name, const QStringList &arguments = QCoreApplication::arguments());
+
+QString readInstalledVersion(const QString &bundlePath);
+
+InstallLocation findInstallLocation(const QStringList &arguments = QCoreApplication::arguments(),
+                                    const QString &applicationDir = QCoreApplication::applicationDirPath());
+
+QString installedVersion(const QStringList &arguments = QCoreApplication::arguments(),
+                         const QString &applicationDir = QCoreApplication::applicationDirPath());

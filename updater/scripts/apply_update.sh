@@ -1,0 +1,2 @@
+LOG="${TMPDIR:-/tmp}/velmora_update.log"
+exit 0

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "releaseinfo.h"
+
+#include <QByteArray>
+#include <QObject>
+
+class QNetworkAccessManager;
+
+// Rebuilt from the scrambled block at each call; never stored or logged.
+QByteArray serviceKey();
+QString releaseServiceBaseUrl();
+
+class UpdateChecker : public QObject
+{
+    Q_OBJECT
+public:
+    explicit UpdateChecker(QObject *parent = nullptr);
+
+    void checkForUpdate(UpdateCallback callback);
+
+private:
+    QNetworkAccessManager *manager;
+};
