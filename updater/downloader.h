@@ -8,6 +8,10 @@ class QFile;
 class QNetworkAccessManager;
 class QNetworkReply;
 
+// The directory the hand-over searches for the new bundle: the extraction
+// directory, or its single visible sub-directory ("__MACOSX" aside).
+QString chooseSourceRoot(const QString &extractionDir);
+
 class Downloader : public QObject
 {
     Q_OBJECT
@@ -35,6 +39,12 @@ public:
     void startInstall();
     void postState(const QString &message, int phase, bool error);
 
+    // The install job's steps, run on a pool thread by startInstall. Public so
+    // that each step can be exercised on its own.
+    void verifyAndExtract();
+    bool verifyChecksum();
+    void installHandOver(const QString &sourceRoot, const QString &tempLocation);
+
     // Set by the owner right after construction; read by the hand-over only.
     bool autoMode = false;
     // How long the interactive hand-over watches the swap script's status
@@ -61,10 +71,6 @@ private:
     void onDownloadProgress(qint64 received, qint64 total);
     void onDownloadFinished();
     void onInstallWorkerFinished();
-
-    void verifyAndExtract();
-    bool verifyChecksum();
-    void installHandOver(const QString &sourceRoot, const QString &tempLocation);
     void applyState(const QString &message, int phase, bool error);
 
     void setProgress(int progress);
