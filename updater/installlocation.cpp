@@ -43,12 +43,10 @@ QString readInstalledVersion(const QString &bundlePath)
 
 static QString runningBundle(const QString &applicationDir)
 {
-    if (applicationDir.endsWith(QLatin1String("/Contents/MacOS"))) {
-        QDir dir(applicationDir);
-        dir.cdUp();
-        dir.cdUp();
-        return dir.absolutePath();
-    }
+    // Two levels up, worked out on the text so that it also holds for a
+    // bundle that is only being described (the tests' case).
+    if (applicationDir.endsWith(QLatin1String("/Contents/MacOS")))
+        return QDir(QDir::cleanPath(applicationDir + QStringLiteral("/../.."))).absolutePath();
     const QString beside = applicationDir + QStringLiteral("/Velmora.app");
     if (QFileInfo(beside).isDir())
         return beside;

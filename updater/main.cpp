@@ -1,3 +1,4 @@
+#include "commandline.h"
 #include "installlocation.h"
 #include "updatechecker.h"
 #include "updateoutcome.h"
@@ -7,32 +8,13 @@
 #include <QTimer>
 
 #include <cstdio>
-#include <cstring>
-
-static const char usageText[] =
-    "VelmoraUpdater [--force|--repair] [--auto] [--current X.Y.Z] [--install-dir DIR]\n"
-    "\n"
-    "  Ana uygulama acilmasa bile bu ikiliyi calistirabilirsiniz.\n"
-    "  --force / --repair  En son yayinlanan paketi indirip kurar (kirik kurulum).\n"
-    "  --auto              Arka plan; uygulama aciksa kurulumu erteler.\n"
-    "  --current VER       Kurulu surum (yoksa Info.plist / registry).\n"
-    "  --install-dir DIR   Kurulum yeri (Mac: Velmora.app, Windows: exe klasoru).\n"
-    "\n"
-    "Mac:\n"
-    "  /Applications/Velmora.app/Contents/MacOS/VelmoraUpdater --force\n"
-    "Windows:\n"
-    "  VelmoraUpdateCheck.exe --force\n";
 
 int main(int argc, char *argv[])
 {
     // Qt reads this while constructing the application: a background run must
     // never become a foreground process with a Dock icon.
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--auto") == 0) {
-            qputenv("QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM", "1");
-            break;
-        }
-    }
+    if (rawArgumentsRequestAutoMode(argc, argv))
+        qputenv("QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM", "1");
 
     auto *app = new QApplication(argc, argv);
     Q_INIT_RESOURCE(updater);
@@ -41,7 +23,9 @@ int main(int argc, char *argv[])
     QCoreApplication::setOrganizationName(QStringLiteral("VelmoraLabs"));
 
     if (hasArgument(QStringLiteral("--help")) || hasArgument(QStringLiteral("-h"))) {
-        std::fwrite(usageText, 1, sizeof usageText - 1, stdout);
+        const QByteArray usage = usageText();
+        // One write, so that a reader of the pipe never sees half the text.
+        std::fwrite(usage.constData(), 1, size_t(usage.size()), stdout);
         std::fflush(stdout);
         delete app;
         return 0;
