@@ -17,13 +17,12 @@ QString normaliseLanguageCode(const QString &text)
     return supportedLanguages().contains(code) ? code : QStringLiteral("tr");
 }
 
-QString systemLanguageCode()
+QString systemLanguageCode(const QLocale &system)
 {
     const QByteArray fromEnvironment = qgetenv("VELMORA_DEFAULT_LANGUAGE");
     if (!fromEnvironment.isEmpty())
         return normaliseLanguageCode(QString::fromLocal8Bit(fromEnvironment));
 
-    const QLocale system = QLocale::system();
     const QStringList uiLanguages = system.uiLanguages();
     const QLocale locale = uiLanguages.isEmpty() ? system : QLocale(uiLanguages.first());
     switch (locale.language()) {

@@ -9,7 +9,10 @@ QStringList supportedLanguages();
 
 QString currentLanguage();
 QString normaliseLanguageCode(const QString &text);
-QString systemLanguageCode();
+#include <QLocale>
+
+// The system locale is a parameter so that tests can describe any machine.
+QString systemLanguageCode(const QLocale &system = QLocale::system());
 
 // Builds the per-language catalogue from the resource's root object:
 // Turkish stays as it is, every other language falls back to English and
