@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QUrl>
 
 class QQuickView;
 class Downloader;
@@ -10,8 +11,11 @@ class DownloadDialog : public QObject
 {
     Q_OBJECT
 public:
+    // `source` lets tests load a broken view; the updater always shows the
+    // one in the resources.
     DownloadDialog(const QString &version, const QString &downloadUrl, const QString &sha256, bool packageFlag,
-                   QObject *parent = nullptr);
+                   QObject *parent = nullptr,
+                   const QUrl &source = QUrl(QStringLiteral("qrc:/qml/download.qml")));
     ~DownloadDialog() override;
 
     void show();
