@@ -5,6 +5,7 @@
 #include <QString>
 
 class QFile;
+class QFutureWatcherBase;
 class QNetworkAccessManager;
 class QNetworkReply;
 
@@ -95,4 +96,5 @@ private:
     QNetworkReply *m_reply = nullptr;
     QFile *m_file = nullptr;
     QElapsedTimer m_throttle;
+    QFutureWatcherBase *m_installWatcher = nullptr;
 };
