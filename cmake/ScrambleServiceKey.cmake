@@ -1,6 +1,8 @@
 # Writes the service key as a scrambled block (key XOR the label, repeated),
 # so that neither the generated source nor the binary holds the plain key.
 # Inputs: KEY_FILE (may be empty), RANDOM_BLOCK_FILE, OUTPUT.
+# With CHECK_ONLY set, only KEY_FILE is validated and nothing is written:
+# configure runs it that way so that a wrong key stops the build early.
 set(label "Pantheria::QuietKeyRing::v2")
 set(key_length 169)
 
@@ -19,6 +21,14 @@ else()
     # No key supplied: a random block, which decodes to a key nobody holds.
     file(READ "${RANDOM_BLOCK_FILE}" block_random)
     string(STRIP "${block_random}" block_random)
+    string(LENGTH "${block_random}" random_length)
+    math(EXPR expected_random_length "${key_length} * 2")
+    if(NOT random_length EQUAL expected_random_length OR NOT block_random MATCHES "^[0-9a-f]+$")
+        message(FATAL_ERROR "${RANDOM_BLOCK_FILE} must hold ${expected_random_length} lower-case hexadecimal digits; delete it and configure again to make a new one")
+    endif()
+endif()
+if(CHECK_ONLY)
+    return()
 endif()
 
 set(label_codes "")
