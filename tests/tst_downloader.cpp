@@ -16,8 +16,6 @@
 #include <memory>
 #include <thread>
 
-Q_DECLARE_METATYPE(ScriptedResponse)
-
 // Every notify signal and `done`, in the order they arrive, each with the
 // state at that moment.
 class PropertyTrail : public QObject
