@@ -3,6 +3,7 @@
 #include "installlocation.h"
 #include "localisation.h"
 
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QFile>
 #include <QFileInfo>
@@ -31,7 +32,9 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
 
     m_packageFilePath = QStandardPaths::writableLocation(QStandardPaths::TempLocation)
         + (m_installerPackage ? QStringLiteral("/VelmoraLabs-Setup.exe") : QStringLiteral("/VelmoraUpdate.zip"));
-    m_installDir = QFileInfo(findInstallLocation().dstApp).absolutePath();
+    m_arguments = QCoreApplication::arguments();
+    m_applicationDir = QCoreApplication::applicationDirPath();
+    m_installDir = QFileInfo(findInstallLocation(m_arguments, m_applicationDir).dstApp).absolutePath();
 
     // Refused before anything touches the disk or the network, so a bad
     // release record cannot leave a file behind or leak a request.

@@ -3,6 +3,7 @@
 #include <QElapsedTimer>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 class QFile;
 class QFutureWatcherBase;
@@ -86,6 +87,13 @@ private:
     QString m_expectedSha256;
     QString m_packageFilePath;
     QString m_installDir;
+    // The command line and the executable's folder as the run started. The
+    // hand-over works out the destination on a pool thread, and that thread
+    // may still be running while the application object is torn down (the
+    // user closed the window during extraction), when it could no longer say
+    // where this run was asked to install.
+    QStringList m_arguments;
+    QString m_applicationDir;
     int m_progress = 0;
     QString m_status;
     bool m_isFinished = false;

@@ -109,7 +109,7 @@ void Downloader::installHandOver(const QString &sourceRoot, const QString &tempL
         return;
     }
 
-    const InstallLocation location = findInstallLocation();
+    const InstallLocation location = findInstallLocation(m_arguments, m_applicationDir);
     const QString scriptPath = tempLocation + QStringLiteral("/velmora_apply_update.sh");
     const QString statusPath = tempLocation + QStringLiteral("/velmora_update.status");
     // A word left by an earlier run must never be taken for this run's outcome.
@@ -130,8 +130,17 @@ void Downloader::installHandOver(const QString &sourceRoot, const QString &tempL
         postState(translate("upd_script_create_failed"), -1, true);
         return;
     }
-    script.write(buildSwapScript(values));
+    // bash runs a script as far as it can read it: a copy cut short by a full
+    // disk could stop right after moving the installed bundle aside and never
+    // put anything in its place, so only a complete script is started.
+    const QByteArray text = buildSwapScript(values);
+    const bool written = script.write(text) == text.size() && script.flush();
     script.close();
+    if (!written) {
+        script.remove();
+        postState(translate("upd_script_create_failed"), -1, true);
+        return;
+    }
     script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
                           | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
                           | QFileDevice::ExeOther);
