@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2154
+# shellcheck shell=bash disable=SC2154,SC2034
 # Sourced by the scripts that configure a test build (test, sanitize,
 # bench/run). Sets velmora_deploy_args to the cmake arguments of a build
 # that talks to a local release service on a free port, with a throw-away
