@@ -63,6 +63,10 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
 
     m_throttle.start();
     m_reply = m_manager->get(request);
+    // Without a bound, the network thread reads ahead of the GUI thread and
+    // hands over hundreds of megabytes at once: memory then grows with the
+    // package and the window stalls while one huge block is written.
+    m_reply->setReadBufferSize(1024 * 1024);
     connect(m_reply, &QIODevice::readyRead, this, &Downloader::onReadyRead);
     connect(m_reply, &QNetworkReply::downloadProgress, this, &Downloader::onDownloadProgress);
     connect(m_reply, &QNetworkReply::finished, this, &Downloader::onDownloadFinished);
