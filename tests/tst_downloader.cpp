@@ -109,6 +109,7 @@ private slots:
 
         QTest::newRow("plain http") << "http" << anyDigest << "upd_insecure_url_keep";
         QTest::newRow("upper-case scheme") << "HTTPS" << anyDigest << "upd_insecure_url_keep";
+        QTest::newRow("blank before the scheme") << " https" << anyDigest << "upd_insecure_url_keep";
         QTest::newRow("63-character digest") << "https" << QString(63, 'a') << "upd_sha_missing_keep";
         QTest::newRow("65-character digest") << "https" << QString(65, 'a') << "upd_sha_missing_keep";
         // Nobody can open a folder as a file, not even root.
@@ -180,24 +181,32 @@ private slots:
         m_server->setResponse("/pkg.zip", slow);
         // A wrong digest ends the run right after the download.
         Downloader d("2.0.0", m_server->url("/pkg.zip").toString(), anyDigest, false);
-        QList<int> shown;
+        QList<int> shown, atStatus;
         QStringList statuses;
         connect(&d, &Downloader::progressChanged, this, [&] { shown << d.progress(); });
         connect(&d, &Downloader::statusChanged, this, [&] {
-            if (d.phase() == 1)
+            if (d.phase() == 1) {
                 statuses << d.status();
+                atStatus << d.progress();
+            }
         });
         QTRY_VERIFY_WITH_TIMEOUT(d.isFinished(), 30000);
 
         shown.removeLast(); // the extraction starts again from 0
         // The pauses between chunks let intermediate reports through.
         QVERIFY(qMax(shown.size(), statuses.size()) >= 3);
-        QCOMPARE(statuses.takeLast(), finalStatus);
+        QCOMPARE(statuses.last(), finalStatus);
         const QChar separator = language == "en" ? '.' : ',';
-        const QRegularExpression pattern(sized ? QString("^\\d+\\%1\\d MB / \\d+\\%1\\d MB$").arg(separator)
+        const QRegularExpression pattern(sized ? QString("^(\\d+)\\%1(\\d) MB / \\d+\\%1\\d MB$").arg(separator)
                                                : QString("^Downloading \\d+\\.\\d MB\\.\\.\\.$"));
-        for (const QString &status : std::as_const(statuses))
-            QVERIFY2(pattern.match(status).hasMatch(), qPrintable(status));
+        for (int i = 0; i < statuses.size() - (sized ? 0 : 1); ++i) {
+            const QRegularExpressionMatch figures = pattern.match(statuses[i]);
+            QVERIFY2(figures.hasMatch(), qPrintable(statuses[i]));
+            // The figure and the percentage agree, up to the rounding of the figure.
+            const double received = (figures.captured(1) + '.' + figures.captured(2)).toDouble() * 1048576;
+            QVERIFY2(!sized || qAbs(received * 100 / size - atStatus[i]) <= 1 + 0.05 * 1048576 * 100 / size,
+                     qPrintable(statuses[i]));
+        }
         QVERIFY(std::is_sorted(shown.cbegin(), shown.cend()));
         for (int percent : mustShow)
             QVERIFY2(shown.contains(percent), qPrintable(QString::number(percent)));
@@ -260,7 +269,8 @@ private slots:
         const QStringList failed{"hasError", "phase=-1"};
         const QStringList handedOver = verifying + QStringList{"phase=3", "status=upd_preparing", "status=upd_applying_restart"};
         // Qt ends even an error reply with a progress report.
-        const QStringList downloadFailed = QStringList{"phase=1"} + failed + QStringList{"status=upd_download_error", "isFinished"};
+        const QStringList downloadFailed =
+            QStringList{"phase=1"} + failed + QStringList{"status=upd_download_error", "isFinished"};
 
         QTest::newRow("automatic install") << "auto"
             << handedOver + QStringList{"done", "phase=4", "status=upd_install_done", "progress=100", "isFinished"} << "";
@@ -269,11 +279,13 @@ private slots:
         QTest::newRow("HTTP 404") << "404" << downloadFailed << "Not Found";
         QTest::newRow("connection dropped mid-body") << "dropped" << downloadFailed << "";
         QTest::newRow("redirect from https to http") << "insecure redirect" << downloadFailed << "";
-        QTest::newRow("digest mismatch") << "mismatch" << verifying + failed + QStringList{"status=upd_verify_failed", "isFinished"} << "";
+        QTest::newRow("digest mismatch") << "mismatch"
+            << verifying + failed + QStringList{"status=upd_verify_failed", "isFinished"} << "";
         QTest::newRow("archive cannot be extracted") << "corrupt"
             << verifying + failed + QStringList{"status=upd_zip_failed_detail", "isFinished"} << "";
         QTest::newRow("no bundle in the archive") << "no bundle"
-            << verifying + QStringList{"phase=3", "status=upd_preparing"} + failed + QStringList{"status=upd_app_not_found", "isFinished"} << "";
+            << verifying + QStringList{"phase=3", "status=upd_preparing"} + failed
+                   + QStringList{"status=upd_app_not_found", "isFinished"} << "";
     }
 
     void followsStateTable()

@@ -143,7 +143,8 @@ private slots:
                                                 << "0%" << "ppeff" << close << "error-phase2.png";
         QTest::newRow("error after the last step") << 4 << 100 << true << true << "The update could not be applied." << ""
                                                    << "ppppe" << closeAndOpen << "error-phase4.png";
-        QTest::newRow("refused before the download") << -1 << 0 << true << true << "The update address is not secure (HTTPS required)."
+        QTest::newRow("refused before the download") << -1 << 0 << true << true
+                                                     << "The update address is not secure (HTTPS required)."
                                                      << "" << "fffff" << close << "error-refused.png";
         QTest::newRow("long status") << 1 << 73 << false << false << longStatus << "73%" << "pcfff" << cancel
                                      << "long-status.png";

@@ -31,10 +31,11 @@ private slots:
         // Nothing here may ever reach the real /Applications.
         QCOMPARE(findInstallLocation().dstApp, sandboxPath() + "/Applications/Velmora.app");
         const QString bin = sandboxPath() + "/bin";
-        QVERIFY(writeFakeTool(bin, "ditto", "[ -z \"${FAKE_STATUS_WORD+set}\" ] || printf %s \"$FAKE_STATUS_WORD\" > \"$FAKE_STATUS_FILE\"\n"
-                                            "n=0\n"
-                                            "while [ ! -e \"$FAKE_RELEASE\" ] && [ $n -lt 600 ]; do sleep 0.05; n=$((n + 1)); done\n"
-                                            "exit 1"));
+        QVERIFY(writeFakeTool(bin, "ditto",
+                              "[ -z \"${FAKE_STATUS_WORD+set}\" ] || printf %s \"$FAKE_STATUS_WORD\" > \"$FAKE_STATUS_FILE\"\n"
+                              "n=0\n"
+                              "while [ ! -e \"$FAKE_RELEASE\" ] && [ $n -lt 600 ]; do sleep 0.05; n=$((n + 1)); done\n"
+                              "exit 1"));
         QVERIFY(writeFakeTool(bin, "pgrep", "exit 1"));
         qputenv("PATH", QFile::encodeName(bin) + ':' + qgetenv("PATH"));
         // Accepts and never answers: every Downloader stays in its connecting phase.
@@ -164,7 +165,8 @@ private slots:
         QTest::newRow("OK in capitals is no verdict") << true << QByteArray("OK") << QByteArray("upd_install_timeout_kept");
         QTest::newRow("Fail in capitals is no verdict") << true << QByteArray("Fail") << QByteArray("upd_install_timeout_kept");
         QTest::newRow("okay is no verdict") << true << QByteArray("okay") << QByteArray("upd_install_timeout_kept");
-        QTest::newRow("no file; an earlier run's ok is not read") << false << QByteArray() << QByteArray("upd_install_timeout_kept");
+        QTest::newRow("no file; an earlier run's ok is not read")
+            << false << QByteArray() << QByteArray("upd_install_timeout_kept");
     }
 
     void watchEndsOnTheStatusWord()

@@ -79,6 +79,8 @@ private slots:
                                                              << "ditto: DITTO_SAID_THIS\n\n<unzip>";
         QTest::newRow("both tools missing") << QByteArray() << QByteArray() << QStringList{}
                                             << translate("upd_unzip_missing");
+        QTest::newRow("both fail in silence") << QByteArray("exit 1") << QByteArray("echo '   ' >&2; exit 9")
+                                              << QStringList{"ditto", "unzip"} << translate("upd_unzip_missing");
     }
 
     void extracts()
@@ -133,7 +135,8 @@ private slots:
         QTest::addColumn<QStringList>("layout");
         QTest::addColumn<QString>("root"); // relative to the extraction directory
 
-        QTest::newRow("bundle beside __MACOSX") << QStringList{"Velmora.app/Contents/", "__MACOSX/._Velmora.app"} << "Velmora.app";
+        QTest::newRow("bundle beside __MACOSX") << QStringList{"Velmora.app/Contents/", "__MACOSX/._Velmora.app"}
+                                                << "Velmora.app";
         QTest::newRow("one folder and a visible file") << QStringList{"Release/", "README.txt"} << "";
         QTest::newRow("one folder and a hidden file") << QStringList{"Release/", ".DS_Store"} << "Release";
         QTest::newRow("two folders") << QStringList{"A/", "B.app/"} << "";

@@ -171,7 +171,8 @@ private slots:
         row("Intel never takes the arm64 pair", release(pair("_arm64", armUrl, digest)), offer({}, {}, noPackage));
         row("Intel takes the any-Mac pair", release(pair("", anyMacUrl, digest)), offer(anyMacUrl, digest));
         row("half any-Mac pair is kept but refused",
-            release(QJsonObject{{"download_url_macos", anyMacUrl}, {"sha256_macos_x86_64", digest}}), offer(anyMacUrl, {}, noPackage));
+            release(QJsonObject{{"download_url_macos", anyMacUrl}, {"sha256_macos_x86_64", digest}}),
+            offer(anyMacUrl, {}, noPackage));
         row("half pairs are never combined",
             release(QJsonObject{{"download_url_macos_arm64", armUrl}, {"sha256_macos_x86_64", digest}}), offer({}, {}, noPackage),
             "1.0.0", "arm64");
@@ -180,7 +181,8 @@ private slots:
         row("upper-case digest is lowered", release(pair("_x86_64", intelUrl, digest.toUpper())), offer(intelUrl, digest));
         row("url and digest are trimmed", release(pair("_x86_64", " " + intelUrl + "\n", "\t" + digest + " ")),
             offer(intelUrl, digest));
-        row("63-character digest", release(pair("_x86_64", intelUrl, digest.left(63))), offer(intelUrl, digest.left(63), unverifiable));
+        row("63-character digest", release(pair("_x86_64", intelUrl, digest.left(63))),
+            offer(intelUrl, digest.left(63), unverifiable));
         row("65-character digest", release(pair("_x86_64", intelUrl, digest + "0")), offer(intelUrl, digest + "0", unverifiable));
         const QString withG = QString(digest).replace(10, 1, "g");
         row("letter g in digest", release(pair("_x86_64", intelUrl, withG)), offer(intelUrl, withG, unverifiable));
@@ -192,7 +194,8 @@ private slots:
         plainRefused.mandatory = true;
         row("plain http is refused", release(pair("_x86_64", plain, digest.left(3)) + QJsonObject{{"is_mandatory", true}}),
             plainRefused);
-        row("mandatory as a string is false", release(intelPair + QJsonObject{{"is_mandatory", "true"}}), offer(intelUrl, digest));
+        row("mandatory as a string is false", release(intelPair + QJsonObject{{"is_mandatory", "true"}}),
+            offer(intelUrl, digest));
     }
 
     void evaluatesReleaseRecords()

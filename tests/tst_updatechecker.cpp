@@ -41,7 +41,8 @@ private slots:
         const QByteArray key = serviceKey();
         QCOMPARE(key.size(), 169);
         for (int i = 0; i < key.size(); ++i)
-            QVERIFY2((uchar(key.at(i)) ^ velmoraServiceKeyBlock[i]) == uchar(label.at(i % label.size())), qPrintable(QString::number(i)));
+            QVERIFY2((uchar(key.at(i)) ^ velmoraServiceKeyBlock[i]) == uchar(label.at(i % label.size())),
+                     qPrintable(QString::number(i)));
     }
 
     void answersOnceWithTheVerdict_data()
@@ -77,8 +78,8 @@ private slots:
         HttpsTestServer moved(service == "redirect http" ? HttpsTestServer::Mode::PlainHttp : HttpsTestServer::Mode::Https);
         QVERIFY2(origin.start() && moved.start(), qPrintable(origin.errorString()));
         moved.setResponse("/moved", response);
-        origin.setResponse(queryPath, service.startsWith("redirect") ? ScriptedResponse::redirect(moved.baseUrl().toLatin1() + "/moved")
-                                                                     : response);
+        const bool redirected = service.startsWith("redirect");
+        origin.setResponse(queryPath, redirected ? ScriptedResponse::redirect(moved.baseUrl().toLatin1() + "/moved") : response);
         QString baseUrl = origin.baseUrl();
         if (service == "stopped")
             origin.stop();
@@ -106,7 +107,7 @@ private slots:
         if (service == "localhost")
             QVERIFY2(origin.connectionCount() > 0, "the refusal must come from the certificate check");
 
-        QCOMPARE(origin.requests().size(), service == "direct" || service.startsWith("redirect") ? 1 : 0);
+        QCOMPARE(origin.requests().size(), service == "direct" || redirected ? 1 : 0);
         for (const RecordedRequest &request : origin.requests()) {
             QCOMPARE(request.method + ' ' + request.target,
                      QByteArray("GET /rest/v1/app_versions?select=*&order=created_at.desc&limit=1"));

@@ -289,7 +289,8 @@ private slots:
         QCOMPARE(icon->toolTip(), toolTip);
         QStringList posted;
         for (const TrayNotice &notice : icon->notices())
-            posted << QStringList{notice.title, notice.body, QStringList{"NoIcon", "Information", "Warning", "Critical"}.value(notice.icon),
+            posted << QStringList{notice.title, notice.body,
+                                  QStringList{"NoIcon", "Information", "Warning", "Critical"}.value(notice.icon),
                                   QString::number(notice.msecs)}.join('|');
         QCOMPARE(posted, notices);
     }
@@ -360,7 +361,9 @@ private:
     {
         UpdateInfo info;
         info.version = QStringLiteral("2.4.0");
-        info.downloadUrl = url.isEmpty() ? QStringLiteral("https://127.0.0.1:%1/VelmoraUpdate.zip").arg(silentServer.serverPort()) : url;
+        info.downloadUrl = url.isEmpty()
+            ? QStringLiteral("https://127.0.0.1:%1/VelmoraUpdate.zip").arg(silentServer.serverPort())
+            : url;
         info.sha256 = QString(64, 'a');
         return info;
     }

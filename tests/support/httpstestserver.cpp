@@ -178,7 +178,8 @@ void HttpsTestServer::answer(QTcpSocket *socket, const QByteArray &request)
     if (response.delivery == ScriptedResponse::Delivery::NeverAnswer)
         return;
     // Qt's error text for a failed reply quotes the reason phrase.
-    QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + (response.status == 404 ? " Not Found\r\n" : " Status\r\n");
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status)
+        + (response.status == 404 ? " Not Found\r\n" : " Status\r\n");
     for (const auto &h : response.headers)
         head += h.first + ": " + h.second + "\r\n";
     if (response.contentLength)
