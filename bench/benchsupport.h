@@ -21,6 +21,14 @@ inline bool trustCa(const QString &pemPath)
     return true;
 }
 
+// User and system CPU time of this process so far, in seconds.
+inline double cpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec + (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 // Peak resident set size of this process so far, in KiB.
 inline long peakRssKib()
 {

@@ -3,7 +3,7 @@
 // would start), so that only the download is measured.
 //
 //   downloadbench URL SHA256 CA_PEM
-//       prints: seconds=S bytes=B peak_rss_kib=K start_rss_kib=K0
+//       prints: seconds=S bytes=B peak_rss_kib=K start_rss_kib=K0 cpu_seconds=C
 //   downloadbench --watch SECONDS URL CA_PEM
 //       follows a download that may never end, printing its state every
 //       ten seconds and once more when it finishes, when it emits done, or
@@ -50,6 +50,7 @@ int main(int argc, char **argv)
     }
 
     const long startRss = peakRssKib();
+    const double startCpu = cpuSeconds();
     QElapsedTimer clock;
     clock.start();
     auto *downloader = new Downloader(QStringLiteral("0.0.0"), url, digest, false, &app);
@@ -81,8 +82,8 @@ int main(int argc, char **argv)
         if (downloader->phase() != 2)
             return;
         const double seconds = clock.nsecsElapsed() / 1e9;
-        std::printf("seconds=%.4f bytes=%lld peak_rss_kib=%ld start_rss_kib=%ld\n", seconds,
-                    QFileInfo(downloader->packageFilePath()).size(), peakRssKib(), startRss);
+        std::printf("seconds=%.4f bytes=%lld peak_rss_kib=%ld start_rss_kib=%ld cpu_seconds=%.3f\n", seconds,
+                    QFileInfo(downloader->packageFilePath()).size(), peakRssKib(), startRss, cpuSeconds() - startCpu);
         std::fflush(stdout);
         // The install job must not run: leave before it is scheduled.
         std::_Exit(0);
