@@ -212,15 +212,34 @@ private slots:
         QVERIFY(readFile(runFile("fake.log")).contains("pgrep -x VelmoraUpdater\n"));
     }
 
+    // A full disk lets the script file be opened and fails only the write: a
+    // script cut short must neither be started nor left behind.
+    void unwritableScriptIsReported_data()
+    {
+        QTest::addColumn<bool>("diskFull");
+        QTest::newRow("directory in the way") << false;
+        QTest::newRow("disk full") << true;
+    }
+
     void unwritableScriptIsReported()
     {
-        QVERIFY(QDir().mkpath(runFile("velmora_apply_update.sh")));
+        QFETCH(bool, diskFull);
+        const QString scriptPath = runFile("velmora_apply_update.sh");
+        if (diskFull) {
+            if (!QFile::exists("/dev/full"))
+                QSKIP("no /dev/full on this system");
+            QVERIFY(QFile::link("/dev/full", scriptPath));
+        } else {
+            QVERIFY(QDir().mkpath(scriptPath));
+        }
         auto downloader = makeDownloader(false, 1, 0);
         QVERIFY(runHandOver(downloader.get()));
         QCOMPARE(downloader->status(), translate("upd_script_create_failed"));
         QCOMPARE(downloader->phase(), -1);
         QVERIFY(downloader->hasError());
         QVERIFY(!QFile::exists(runFile("fake.log")));
+        if (diskFull)
+            QVERIFY(!QFileInfo(scriptPath).isSymLink());
     }
 
 private:
