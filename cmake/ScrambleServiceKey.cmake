@@ -1,10 +1,44 @@
-# Writes the service key as a scrambled block (key XOR the label, repeated),
-# so that neither the generated source nor the binary holds the plain key.
+# Writes the service key as a scrambled block (key XOR the label, repeated)
+# into a header, so that neither the generated source nor the binary holds
+# the plain key. The label lives here and only here; the header hands it to
+# the code that unscrambles the key.
 # Inputs: KEY_FILE (may be empty), RANDOM_BLOCK_FILE, OUTPUT.
 # With CHECK_ONLY set, only KEY_FILE is validated and nothing is written:
 # configure runs it that way so that a wrong key stops the build early.
+# With MAKE_RANDOM_BLOCK set, writes RANDOM_BLOCK_FILE: the scrambled form of
+# a random key that nobody holds, for a build without a key file.
 set(label "Pantheria::QuietKeyRing::v2")
 set(key_length 169)
+string(LENGTH "${label}" label_length)
+
+function(scramble_byte key_byte index out)
+    math(EXPR label_index "${index} % ${label_length}")
+    string(SUBSTRING "${label}" ${label_index} 1 label_char)
+    string(HEX "${label_char}" label_hex)
+    math(EXPR value "${key_byte} ^ 0x${label_hex}" OUTPUT_FORMAT HEXADECIMAL)
+    set(${out} "${value}" PARENT_SCOPE)
+endfunction()
+
+if(MAKE_RANDOM_BLOCK)
+    # Printable characters, so that the key still travels in an HTTP header.
+    string(RANDOM LENGTH ${key_length}
+           ALPHABET "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789" key)
+    set(block "")
+    math(EXPR last "${key_length} - 1")
+    foreach(i RANGE 0 ${last})
+        string(SUBSTRING "${key}" ${i} 1 key_char)
+        string(HEX "${key_char}" key_hex)
+        scramble_byte("0x${key_hex}" ${i} value)
+        string(REGEX REPLACE "^0x" "" value "${value}")
+        string(LENGTH "${value}" value_length)
+        if(value_length EQUAL 1)
+            set(value "0${value}")
+        endif()
+        string(APPEND block "${value}")
+    endforeach()
+    file(WRITE "${RANDOM_BLOCK_FILE}" "${block}\n")
+    return()
+endif()
 
 if(KEY_FILE)
     file(READ "${KEY_FILE}" key_hex HEX)
@@ -31,19 +65,13 @@ if(CHECK_ONLY)
     return()
 endif()
 
-set(label_codes "")
-string(LENGTH "${label}" label_length)
 set(bytes "")
 math(EXPR last "${key_length} - 1")
 foreach(i RANGE 0 ${last})
     math(EXPR offset "${i} * 2")
     if(KEY_FILE)
         string(SUBSTRING "${key_hex}" ${offset} 2 pair)
-        math(EXPR key_byte "0x${pair}")
-        math(EXPR label_index "${i} % ${label_length}")
-        string(SUBSTRING "${label}" ${label_index} 1 label_char)
-        string(HEX "${label_char}" label_hex)
-        math(EXPR value "${key_byte} ^ 0x${label_hex}" OUTPUT_FORMAT HEXADECIMAL)
+        scramble_byte("0x${pair}" ${i} value)
     else()
         string(SUBSTRING "${block_random}" ${offset} 2 pair)
         set(value "0x${pair}")
@@ -55,7 +83,7 @@ foreach(i RANGE 0 ${last})
     endif()
 endforeach()
 
-set(content "// Generated at build time. Do not edit.\n#include <cstddef>\n\nextern const unsigned char velmoraServiceKeyBlock[${key_length}] = {\n    ${bytes}\n};\nextern const std::size_t velmoraServiceKeyBlockSize = ${key_length};\n")
+set(content "// Generated at build time. Do not edit.\n#pragma once\n\ninline constexpr char serviceKeyLabel[] = \"${label}\";\ninline constexpr unsigned char serviceKeyBlock[${key_length}] = {\n    ${bytes}\n};\n")
 file(WRITE "${OUTPUT}.tmp" "${content}")
 file(COPY_FILE "${OUTPUT}.tmp" "${OUTPUT}" ONLY_IF_DIFFERENT)
 file(REMOVE "${OUTPUT}.tmp")

@@ -2,13 +2,22 @@
 
 #include "downloader.h"
 #include "localisation.h"
+#include "phase.h"
 
 #include <QJSEngine>
 #include <QQmlContext>
+#include <QQmlEngine>
 #include <QQmlError>
 #include <QQuickView>
 #include <QSize>
 #include <QVariant>
+
+void registerPhaseType()
+{
+    static const int registered = qmlRegisterUncreatableMetaObject(
+        Phase::staticMetaObject, "Velmora", 1, 0, "Phase", QStringLiteral("Phase only names the stages of a run"));
+    Q_UNUSED(registered);
+}
 
 DownloadDialog::DownloadDialog(const QString &version, const QString &downloadUrl, const QString &sha256,
                                bool packageFlag, QObject *parent, const QUrl &source)
@@ -21,6 +30,7 @@ DownloadDialog::DownloadDialog(const QString &version, const QString &downloadUr
     QJSEngine::setObjectOwnership(this, QJSEngine::CppOwnership);
     QJSEngine::setObjectOwnership(downloader, QJSEngine::CppOwnership);
 
+    registerPhaseType();
     QQmlContext *context = view->rootContext();
     context->setContextProperty(QStringLiteral("downloader"), downloader);
     context->setContextProperty(QStringLiteral("upd"), QVariant(updaterStrings()));

@@ -7,6 +7,10 @@
 class QQuickView;
 class Downloader;
 
+// Makes the run's phases known to QML as "import Velmora 1.0" … Phase.Done.
+// The dialog does it before loading its view; safe to call more than once.
+void registerPhaseType();
+
 class DownloadDialog : public QObject
 {
     Q_OBJECT

@@ -1,18 +1,24 @@
 #include "downloader.h"
 
+#include "handover.h"
 #include "installlocation.h"
 #include "localisation.h"
+#include "phase.h"
+#include "verification.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
 #include <QFile>
 #include <QFileInfo>
+#include <QFutureWatcher>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QThreadPool>
 #include <QUrl>
+#include <QtConcurrent/QtConcurrentRun>
 
 static constexpr int progressThrottleMs = 100;
 static constexpr int transferTimeoutMs = 120000;
@@ -53,7 +59,7 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
         return;
     }
 
-    setPhase(0);
+    setPhase(Phase::Connecting);
     setStatus(translate("upd_connecting"));
 
     QNetworkRequest request{QUrl(m_downloadUrl)};
@@ -87,7 +93,7 @@ void Downloader::fail(const QString &message)
 {
     setStatus(message);
     setHasError(true);
-    setPhase(-1);
+    setPhase(Phase::Failed);
     setIsFinished(true);
 }
 
@@ -99,8 +105,8 @@ void Downloader::onReadyRead()
 
 void Downloader::onDownloadProgress(qint64 received, qint64 total)
 {
-    if (m_phase <= 0)
-        setPhase(1);
+    if (m_phase <= Phase::Connecting)
+        setPhase(Phase::Downloading);
 
     if (received != total && m_throttle.isValid() && m_throttle.elapsed() < progressThrottleMs)
         return;
@@ -138,7 +144,7 @@ void Downloader::onDownloadFinished()
         return;
     default:
         setHasError(true);
-        setPhase(-1);
+        setPhase(Phase::Failed);
         setStatus(translate("upd_download_error").arg(reply->errorString()));
         if (m_file)
             m_file->remove();
@@ -157,10 +163,78 @@ void Downloader::applyState(const QString &message, int phase, bool error)
 {
     if (error)
         setHasError(true);
-    if (phase != -1000)
+    if (phase != Phase::Unchanged)
         setPhase(phase);
     if (!message.isEmpty())
         setStatus(message);
+}
+
+void Downloader::startInstall()
+{
+    setPhase(Phase::Extracting);
+    setStatus(translate("upd_extracting"));
+    setProgress(0);
+
+    auto *watcher = new QFutureWatcher<void>(this);
+    m_installWatcher = watcher;
+    connect(watcher, &QFutureWatcherBase::finished, this, &Downloader::onInstallWorkerFinished);
+    // The hash, the extractors and the hand-over's watch all block, so they
+    // run on a pool thread and keep the progress view responsive.
+    watcher->setFuture(QtConcurrent::run(QThreadPool::globalInstance(), [this] { verifyAndExtract(); }));
+}
+
+InstallJobInputs Downloader::jobInputs() const
+{
+    InstallJobInputs inputs;
+    inputs.packagePath = m_packageFilePath;
+    inputs.expectedSha256 = m_expectedSha256;
+    inputs.version = m_version;
+    inputs.arguments = m_arguments;
+    inputs.applicationDir = m_applicationDir;
+    inputs.autoMode = autoMode;
+    inputs.statusPolls = statusPolls;
+    inputs.statusPollIntervalMs = statusPollIntervalMs;
+    return inputs;
+}
+
+InstallReport Downloader::reporter()
+{
+    return [this](const QString &message, int phase, bool error) { postState(message, phase, error); };
+}
+
+void Downloader::endJob(JobEnd end)
+{
+    if (end == JobEnd::QuitForSwap)
+        QMetaObject::invokeMethod(this, [this] { emit done(); }, Qt::QueuedConnection);
+}
+
+bool Downloader::verifyChecksum()
+{
+    return packageMatchesDigest(m_packageFilePath, m_expectedSha256);
+}
+
+void Downloader::verifyAndExtract()
+{
+    endJob(runInstallJob(jobInputs(), reporter()));
+}
+
+void Downloader::installHandOver(const QString &sourceRoot, const QString &tempLocation)
+{
+    endJob(handOver(jobInputs(), sourceRoot, tempLocation, reporter()));
+}
+
+void Downloader::onInstallWorkerFinished()
+{
+    if (m_installWatcher) {
+        m_installWatcher->deleteLater();
+        m_installWatcher = nullptr;
+    }
+    if (!m_hasError) {
+        setPhase(Phase::Done);
+        setStatus(translate("upd_install_done"));
+        setProgress(100);
+    }
+    setIsFinished(true);
 }
 
 void Downloader::cancel()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "installjob.h"
+
 #include <QElapsedTimer>
 #include <QObject>
 #include <QString>
@@ -9,10 +11,6 @@ class QFile;
 class QFutureWatcherBase;
 class QNetworkAccessManager;
 class QNetworkReply;
-
-// The directory the hand-over searches for the new bundle: the extraction
-// directory, or its single visible sub-directory ("__MACOSX" aside).
-QString chooseSourceRoot(const QString &extractionDir);
 
 class Downloader : public QObject
 {
@@ -41,8 +39,8 @@ public:
     void startInstall();
     void postState(const QString &message, int phase, bool error);
 
-    // The install job's steps, run on a pool thread by startInstall. Public so
-    // that each step can be exercised on its own.
+    // The install job's steps, run on a pool thread by startInstall; each
+    // hands the run's fixed inputs to its unit and reports through postState.
     void verifyAndExtract();
     bool verifyChecksum();
     void installHandOver(const QString &sourceRoot, const QString &tempLocation);
@@ -74,6 +72,9 @@ private:
     void onDownloadFinished();
     void onInstallWorkerFinished();
     void applyState(const QString &message, int phase, bool error);
+    InstallJobInputs jobInputs() const;
+    InstallReport reporter();
+    void endJob(JobEnd end);
 
     void setProgress(int progress);
     void setStatus(const QString &status);

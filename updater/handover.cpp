@@ -1,23 +1,17 @@
 #include "handover.h"
 
-#include "downloader.h"
 #include "installlocation.h"
 #include "localisation.h"
+#include "phase.h"
+#include "statuswatch.h"
+#include "swapscriptbody.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMetaObject>
 #include <QProcess>
 #include <QStringList>
 #include <QSysInfo>
-#include <QThread>
-
-#include <cstddef>
-
-// Generated at build time from scripts/apply_update.sh.
-extern const unsigned char velmoraSwapScriptBody[];
-extern const std::size_t velmoraSwapScriptBodySize;
 
 static const QLatin1String canonicalApp("/Applications/Velmora.app");
 
@@ -59,7 +53,8 @@ QString findNewBundle(const QString &sourceRoot)
 
 QByteArray swapScriptBody()
 {
-    return QByteArray(reinterpret_cast<const char *>(velmoraSwapScriptBody), qsizetype(velmoraSwapScriptBodySize));
+    return QByteArray::fromRawData(reinterpret_cast<const char *>(velmoraSwapScriptBody),
+                                   qsizetype(sizeof velmoraSwapScriptBody));
 }
 
 QByteArray buildSwapScript(const SwapScriptValues &values)
@@ -89,27 +84,36 @@ QByteArray buildSwapScript(const SwapScriptValues &values)
     return text.toUtf8();
 }
 
-const char *statusVerdictKey(const QByteArray &content)
+// Writes the whole script or nothing: bash runs a script as far as it can
+// read it, and a copy cut short by a full disk could stop right after moving
+// the installed bundle aside, with nothing put in its place.
+static bool writeScript(const QString &scriptPath, const QByteArray &text)
 {
-    const QByteArray word = content.trimmed();
-    // A script started in interactive mode never defers; should it do so
-    // anyway, the installed bundle is intact, which is all the user needs.
-    if (word == "ok" || word == "defer")
-        return "upd_install_done";
-    if (word.startsWith("fail"))
-        return "upd_apply_failed_kept";
-    return nullptr;
+    QFile script(scriptPath);
+    if (!script.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
+        return false;
+    const bool written = script.write(text) == text.size() && script.flush();
+    script.close();
+    if (!written) {
+        script.remove();
+        return false;
+    }
+    script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                          | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
+                          | QFileDevice::ExeOther);
+    return true;
 }
 
-void Downloader::installHandOver(const QString &sourceRoot, const QString &tempLocation)
+JobEnd handOver(const InstallJobInputs &inputs, const QString &sourceRoot, const QString &tempLocation,
+                const InstallReport &report)
 {
     const QString newApp = findNewBundle(sourceRoot);
     if (newApp.isEmpty()) {
-        postState(translate("upd_app_not_found"), -1, true);
-        return;
+        report(translate("upd_app_not_found"), Phase::Failed, true);
+        return JobEnd::Reported;
     }
 
-    const InstallLocation location = findInstallLocation(m_arguments, m_applicationDir);
+    const InstallLocation location = findInstallLocation(inputs.arguments, inputs.applicationDir);
     const QString scriptPath = tempLocation + QStringLiteral("/velmora_apply_update.sh");
     const QString statusPath = tempLocation + QStringLiteral("/velmora_update.status");
     // A word left by an earlier run must never be taken for this run's outcome.
@@ -120,60 +124,39 @@ void Downloader::installHandOver(const QString &sourceRoot, const QString &tempL
     values.dstApp = location.dstApp;
     values.legacyApp = location.legacyApp;
     values.srcRoot = sourceRoot;
-    values.expectVersion = m_version;
+    values.expectVersion = inputs.version;
     values.expectArch = QSysInfo::currentCpuArchitecture();
-    values.autoMode = autoMode;
+    values.autoMode = inputs.autoMode;
     values.statusPath = statusPath;
 
-    QFile script(scriptPath);
-    if (!script.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
-        postState(translate("upd_script_create_failed"), -1, true);
-        return;
+    if (!writeScript(scriptPath, buildSwapScript(values))) {
+        report(translate("upd_script_create_failed"), Phase::Failed, true);
+        return JobEnd::Reported;
     }
-    // bash runs a script as far as it can read it: a copy cut short by a full
-    // disk could stop right after moving the installed bundle aside and never
-    // put anything in its place, so only a complete script is started.
-    const QByteArray text = buildSwapScript(values);
-    const bool written = script.write(text) == text.size() && script.flush();
-    script.close();
-    if (!written) {
-        script.remove();
-        postState(translate("upd_script_create_failed"), -1, true);
-        return;
-    }
-    script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
-                          | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
-                          | QFileDevice::ExeOther);
-
     // Detached, so that the script outlives the updater: in automatic mode it
     // replaces the very bundle this executable runs from.
     if (!QProcess::startDetached(QStringLiteral("/bin/bash"), {scriptPath})) {
-        postState(translate("upd_script_start_failed"), -1, true);
-        return;
+        report(translate("upd_script_start_failed"), Phase::Failed, true);
+        return JobEnd::Reported;
     }
-    postState(translate("upd_applying_restart"), -1000, false);
+    report(translate("upd_applying_restart"), Phase::Unchanged, false);
 
-    if (autoMode) {
-        // The script waits for this process to go before it touches the
-        // bundle, so the updater quits as soon as possible and never looks
-        // at the outcome.
-        QMetaObject::invokeMethod(this, [this] { emit done(); }, Qt::QueuedConnection);
-        return;
-    }
+    // The script waits for this process to go before it touches the bundle,
+    // so an automatic run quits as soon as possible and never looks at the
+    // outcome.
+    if (inputs.autoMode)
+        return JobEnd::QuitForSwap;
 
-    for (int remaining = statusPolls;;) {
-        QThread::msleep(static_cast<unsigned long>(qMax(0, statusPollIntervalMs)));
-        QFile status(statusPath);
-        if (status.open(QIODevice::ReadOnly | QIODevice::Text)) {
-            if (const char *key = statusVerdictKey(status.readAll())) {
-                const bool failed = qstrcmp(key, "upd_apply_failed_kept") == 0;
-                postState(translate(key), failed ? -1 : -1000, failed);
-                return;
-            }
-        }
-        if (--remaining <= 0) {
-            postState(translate("upd_install_timeout_kept"), -1, true);
-            return;
-        }
+    switch (watchSwapStatus(statusPath, inputs.statusPolls, inputs.statusPollIntervalMs)) {
+    case SwapVerdict::Installed:
+        report(translate("upd_install_done"), Phase::Unchanged, false);
+        break;
+    case SwapVerdict::Failed:
+        report(translate("upd_apply_failed_kept"), Phase::Failed, true);
+        break;
+    case SwapVerdict::Undecided:
+        report(translate("upd_install_timeout_kept"), Phase::Failed, true);
+        break;
     }
+    return JobEnd::Reported;
 }

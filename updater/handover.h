@@ -1,5 +1,7 @@
 #pragma once
 
+#include "installjob.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -30,6 +32,7 @@ QByteArray swapScriptBody();
 // the file on disk holds it.
 QByteArray buildSwapScript(const SwapScriptValues &values);
 
-// What a status word means to the interactive watch: the message key to
-// post, or nullptr while the script has not decided.
-const char *statusVerdictKey(const QByteArray &content);
+// Finds the new bundle, writes the swap script into tempLocation, starts it
+// detached and, in interactive mode, watches its status file.
+JobEnd handOver(const InstallJobInputs &inputs, const QString &sourceRoot, const QString &tempLocation,
+                const InstallReport &report);

@@ -17,7 +17,6 @@ int main(int argc, char *argv[])
         qputenv("QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM", "1");
 
     auto *app = new QApplication(argc, argv);
-    Q_INIT_RESOURCE(updater);
     QGuiApplication::setQuitOnLastWindowClosed(false);
     QCoreApplication::setApplicationName(QStringLiteral("VelmoraUpdater"));
     QCoreApplication::setOrganizationName(QStringLiteral("VelmoraLabs"));

@@ -1,5 +1,7 @@
 #include "updatechecker.h"
 
+#include "servicekeyblock.h"
+
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -7,24 +9,17 @@
 
 #include <cstddef>
 
-// Generated at build time from the deployment's key file (see
-// cmake/ScrambleServiceKey.cmake): the key XOR the label, repeated.
-extern const unsigned char velmoraServiceKeyBlock[169];
-extern const std::size_t velmoraServiceKeyBlockSize;
-
 QByteArray serviceKey()
 {
     // Only the scrambled block is in the binary; a plain-text search of the
     // executable for the key finds nothing.
-    static const char label[] = "Pantheria::QuietKeyRing::v2";
-    constexpr std::size_t labelLength = sizeof label - 1;
-    constexpr std::size_t keyLength = sizeof velmoraServiceKeyBlock;
-    static_assert(labelLength == 27, "the label is part of the key format");
+    constexpr std::size_t labelLength = sizeof serviceKeyLabel - 1;
+    constexpr std::size_t keyLength = sizeof serviceKeyBlock;
 
     QByteArray key;
     key.reserve(int(keyLength));
-    for (std::size_t i = 0; i < keyLength && i < velmoraServiceKeyBlockSize; ++i)
-        key.append(char(velmoraServiceKeyBlock[i] ^ static_cast<unsigned char>(label[i % labelLength])));
+    for (std::size_t i = 0; i < keyLength; ++i)
+        key.append(char(serviceKeyBlock[i] ^ static_cast<unsigned char>(serviceKeyLabel[i % labelLength])));
     return key;
 }
 

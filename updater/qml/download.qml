@@ -1,6 +1,7 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
+import Velmora 1.0
 
 // The installation window's content. Everything shown is bound to the context
 // properties `downloader` (progress, status, phase, flags, version) and `upd`
@@ -29,12 +30,12 @@ Rectangle {
         upd.upd_phase_installing,
         upd.upd_phase_done
     ]
-    readonly property int totalSteps: 4
+    readonly property int totalSteps: Phase.Done
 
     // Error wins over completion everywhere, so a failure reported in the
     // last phase still reads as a failure.
     readonly property color stateColor: downloader.hasError ? errorClr
-                                        : downloader.phase === 4 ? success
+                                        : downloader.phase === Phase.Done ? success
                                         : accent
 
     Rectangle {
@@ -53,7 +54,7 @@ Rectangle {
             radius: 130
             opacity: 0.5
             color: downloader.hasError ? "#3a0a0a"
-                   : downloader.phase === 4 ? "#0a2a1a"
+                   : downloader.phase === Phase.Done ? "#0a2a1a"
                    : "#0a0a2a"
             Behavior on color { ColorAnimation { duration: 600 } }
         }
@@ -79,7 +80,7 @@ Rectangle {
 
                 SequentialAnimation on opacity {
                     objectName: "statusDotPulse"
-                    running: downloader.phase > 0 && downloader.phase < 4 && !downloader.hasError
+                    running: downloader.phase > Phase.Connecting && downloader.phase < Phase.Done && !downloader.hasError
                     loops: Animation.Infinite
                     NumberAnimation { to: 0.3; duration: 700 }
                     NumberAnimation { to: 1.0; duration: 700 }
@@ -111,10 +112,10 @@ Rectangle {
             objectName: "title"
             Layout.fillWidth: true
             text: downloader.hasError ? upd.upd_title_failed
-                  : downloader.phase === 4 ? upd.upd_title_done
+                  : downloader.phase === Phase.Done ? upd.upd_title_done
                   : upd.upd_title_loading
             color: downloader.hasError ? root.errorClr
-                   : downloader.phase === 4 ? root.success
+                   : downloader.phase === Phase.Done ? root.success
                    : root.textMain
             font.pixelSize: 18
             font.weight: Font.DemiBold
@@ -203,7 +204,7 @@ Rectangle {
                                 border.color: root.accent
                                 border.width: 2
                                 opacity: 0
-                                visible: stepCell.current && !downloader.hasError && downloader.phase < 4
+                                visible: stepCell.current && !downloader.hasError && downloader.phase < Phase.Done
 
                                 SequentialAnimation on opacity {
                                     objectName: "pulseRingAnimation" + stepCell.index
@@ -262,7 +263,7 @@ Rectangle {
                     height: parent.height
                     radius: 3
                     opacity: 0.3
-                    visible: !downloader.hasError && downloader.phase < 4
+                    visible: !downloader.hasError && downloader.phase < Phase.Done
                     gradient: Gradient {
                         orientation: Gradient.Horizontal
                         GradientStop { position: 0.0; color: Qt.rgba(1, 1, 1, 0) }
@@ -295,7 +296,7 @@ Rectangle {
             Text {
                 objectName: "percentText"
                 Layout.minimumWidth: implicitWidth
-                text: downloader.phase === 1 || downloader.phase === 2 ? downloader.progress + "%" : ""
+                text: downloader.phase === Phase.Downloading || downloader.phase === Phase.Extracting ? downloader.progress + "%" : ""
                 color: root.accent
                 font.pixelSize: 11
                 font.weight: Font.DemiBold
@@ -344,7 +345,7 @@ Rectangle {
 
             Rectangle {
                 objectName: "openAppButton"
-                visible: downloader.phase === 4
+                visible: downloader.phase === Phase.Done
                 Layout.preferredWidth: 130
                 Layout.preferredHeight: 34
                 radius: 6
@@ -371,7 +372,7 @@ Rectangle {
 
             Rectangle {
                 objectName: "openFolderButton"
-                visible: downloader.phase === 4
+                visible: downloader.phase === Phase.Done
                 Layout.preferredWidth: 120
                 Layout.preferredHeight: 34
                 radius: 6
