@@ -1,5 +1,7 @@
 #include "commandline.h"
 
+#include "installlocation.h"
+
 #include <cstring>
 
 QByteArray usageText()
@@ -26,4 +28,14 @@ bool rawArgumentsRequestAutoMode(int argc, const char *const argv[])
             return true;
     }
     return false;
+}
+
+RunFlags readRunFlags(const QStringList &arguments, const std::function<bool()> &trayProbe)
+{
+    RunFlags flags;
+    flags.autoMode = hasArgument(QStringLiteral("--auto"), arguments);
+    flags.forceMode = hasArgument(QStringLiteral("--force"), arguments)
+        || hasArgument(QStringLiteral("--repair"), arguments);
+    flags.trayAvailable = !flags.autoMode && trayProbe();
+    return flags;
 }

@@ -30,11 +30,8 @@ int main(int argc, char *argv[])
         return 0;
     }
 
-    RunFlags flags;
-    flags.autoMode = hasArgument(QStringLiteral("--auto"));
-    flags.forceMode = hasArgument(QStringLiteral("--force")) || hasArgument(QStringLiteral("--repair"));
-    // The tray is never probed in automatic mode: nothing may appear there.
-    flags.trayAvailable = !flags.autoMode && QSystemTrayIcon::isSystemTrayAvailable();
+    const RunFlags flags = readRunFlags(QCoreApplication::arguments(),
+                                        [] { return QSystemTrayIcon::isSystemTrayAvailable(); });
 
     auto *checkWatchdog = new QTimer(app);
     checkWatchdog->setSingleShot(true);

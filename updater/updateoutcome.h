@@ -1,5 +1,6 @@
 #pragma once
 
+#include "commandline.h"
 #include "releaseinfo.h"
 
 #include <QIcon>
@@ -9,13 +10,6 @@
 
 class QApplication;
 class QTimer;
-
-struct RunFlags
-{
-    bool trayAvailable = false;
-    bool autoMode = false;
-    bool forceMode = false;
-};
 
 // The tray icon file, tried beside the executable in this order.
 QString trayIconCandidate(const QString &applicationDir);
