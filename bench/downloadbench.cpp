@@ -34,7 +34,6 @@ static void printState(const Downloader &downloader, qint64 elapsedMs)
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    Q_INIT_RESOURCE(updater);
     const QStringList args = app.arguments().mid(1);
 
     const bool watch = !args.isEmpty() && args.first() == QLatin1String("--watch");

@@ -22,7 +22,6 @@
 int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
-    Q_INIT_RESOURCE(updater);
     const QStringList args = app.arguments().mid(1);
     if (args.size() != 3 || !trustCa(args.at(2))) {
         std::fprintf(stderr, "usage: responsivenessbench URL SHA256 CA_PEM\n");

@@ -19,7 +19,6 @@
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    Q_INIT_RESOURCE(updater);
     const QStringList args = app.arguments().mid(1);
     if (args.size() != 2) {
         std::fprintf(stderr, "usage: verifybench updater SHA256 | verifybench bare FILE\n");

@@ -42,7 +42,6 @@ static QStringList allowedPairs(const QString &arch)
 // Outside the extern "C" function: the macro declares a C++ function.
 static void loadResources()
 {
-    Q_INIT_RESOURCE(updater);
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
