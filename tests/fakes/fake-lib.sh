@@ -1,10 +1,36 @@
-# Sourced by the fake macOS tools of the black-box tests and the demo.
-# FAKE_LOG receives one line per call: the time, the tool's path and its
-# arguments. FAKE_STATE (optional) is the scenario's folder: "running/NAME.pid"
-# names a process that plays the running application, "launched" lists the
-# bundles that "open" was asked to start.
-record() {
-    [ -z "${FAKE_LOG:-}" ] || echo "$(date '+%s.%N') $0 $*" >> "$FAKE_LOG"
+# shellcheck shell=bash
+# The world the fake macOS tools share, sourced by every fake and by the
+# suites that set it up. FAKE_LOG gets one line per call, "SECONDS TOOL ARGS".
+# FAKE_STATE is the scenario's folder:
+#   bin/       the fakes, linked (with fake-lib.sh beside it): a scenario
+#              removes a link for a Mac without that tool
+#   clock      virtual seconds; only the fake sleep advances them
+#   proc/NAME  a running process named NAME: how it ends ("osascript" when
+#              asked to quit, "term" on SIGTERM, "never"), then optionally
+#              the virtual second at which it exits by itself
+#   launched   the version of every bundle that open started, one a line
+# The fakes answer from FAKE_<TOOL>_<WHAT> variables, described in each.
+
+record() { [ -z "${FAKE_LOG:-}" ] || echo "$EPOCHREALTIME ${0##*/} $*" >> "$FAKE_LOG"; }
+clock() { cat "$FAKE_STATE/clock" 2>/dev/null || echo 0; }
+
+# running NAME: prints how the process NAME ends; fails unless it runs.
+running() {
+    local how exit_at
+    { read -r how exit_at < "$FAKE_STATE/proc/$1"; } 2>/dev/null || return 1
+    [ -z "$exit_at" ] || [ "$(clock)" -lt "$exit_at" ] || return 1
+    echo "$how"
+}
+
+# signal NAME SIGNAL: fails unless NAME runs; SIGKILL ends any process.
+signal() {
+    local how
+    how=$(running "$1") || return 1
+    case "$2" in
+        KILL|9) rm -f "$FAKE_STATE/proc/$1" ;;
+        TERM|15) [ "$how" != term ] || rm -f "$FAKE_STATE/proc/$1" ;;
+    esac
+    return 0
 }
 
 bundle_version() {
@@ -12,11 +38,17 @@ bundle_version() {
         sed -n 's:.*<key>CFBundleShortVersionString</key>[[:space:]]*<string>\([^<]*\)</string>.*:\1:p'
 }
 
-# Sends SIGTERM to the registered stand-in of application NAME, by pid only.
-stop_registered() {
-    local file="${FAKE_STATE:-/nonexistent}/running/$1.pid" pid
-    [ -f "$file" ] || return 1
-    pid=$(tr -dc '0-9' < "$file")
-    rm -f "$file"
-    [ -n "$pid" ] && kill -TERM "$pid" 2>/dev/null
+# fake_world DIR: a fresh, empty world; exports FAKE_STATE and FAKE_LOG.
+fake_world() {
+    local fakes
+    fakes=$(cd "${BASH_SOURCE[0]%/*}" && pwd)
+    export FAKE_STATE=$1 FAKE_LOG=$1/calls.log
+    mkdir -p "$1/bin" "$1/proc"
+    ln -s "$fakes/fake-lib.sh" "$1/"
+    ln -s "$fakes"/bin/* "$1/bin/"
+    echo 0 > "$1/clock"
+    : > "$FAKE_LOG"
 }
+
+# calls TOOL: the arguments of every call of TOOL so far, one call a line.
+calls() { awk -v tool="$1" '$2 == tool { sub(/^[^ ]* [^ ]* ?/, ""); print }' "$FAKE_LOG"; }

@@ -1,89 +1,34 @@
-# Automatic mode: waiting for the updater to leave and for the user to be idle.
+# Automatic runs wait for the updater to leave, then for the user to be idle
+# for five minutes, napping 30 s at a time for at most six hours.
 
 load swap_helpers
 
-setup_automatic() {
-    H_AUTO=1
-    app_process Velmora osascript
+@test "the copy starts only after the updater has exited" {
+    app VelmoraUpdater never 5
+    run_swap AUTO=1
+    outcome ok 2.0.0
+    [ "$(naps 1)" -eq 5 ]
+    [ "$(awk '$2 == "ditto" { print NR }' "$FAKE_LOG")" -gt "$(awk '$2 == "sleep" { n = NR } END { print n }' "$FAKE_LOG")" ]
 }
+@test "an updater that does not exit is waited for thirty seconds" { app VelmoraUpdater never; run_swap AUTO=1; outcome ok 2.0.0; [ "$(naps 1)" -eq 30 ]; }
 
-@test "automatic run waits for the updater to exit before copying anything" {
-    H_AUTO=1
-    app_process VelmoraUpdater never 5
-    run_swap
-    assert_outcome ok 2.0.0
-    [ "$(calls sleep | tr '\n' ' ')" = "1 1 1 1 1 " ]
-    # The copy starts only after the last look for the updater.
-    last_look=$(grep -n ' -x VelmoraUpdater$' "$FAKE_LOG" | tail -n 1 | cut -d: -f1)
-    first_copy=$(grep -n '/ditto ' "$FAKE_LOG" | head -n 1 | cut -d: -f1)
-    [ "$last_look" -lt "$first_copy" ]
+# idle IOREG-ANSWER WORD NAPS: an automatic run while the app is running.
+idle() {
+    app Velmora osascript
+    run_swap AUTO=1 "$1"
+    [ "$(naps 30)" -eq "$3" ]
+    if [ "$2" = ok ]; then
+        outcome ok 2.0.0
+        launched 2.0.0
+    else
+        outcome defer 1.0.0
+        logged "user active for 21600s — deferring to the next check"
+        [ "$(running Velmora)" = osascript ]
+    fi
 }
-
-@test "automatic run gives up waiting for the updater after thirty seconds and installs" {
-    H_AUTO=1
-    app_process VelmoraUpdater never
-    run_swap
-    assert_outcome ok 2.0.0
-    [ "$(calls pgrep | grep -c VelmoraUpdater)" -eq 30 ]
-    [ "$(calls sleep | grep -c '^1$')" -eq 30 ]
-}
-
-@test "an idle user gets the update at once" {
-    setup_automatic
-    export FAKE_HID_IDLE_NS=300000000001
-    run_swap
-    assert_outcome ok 2.0.0
-    [ -z "$(calls sleep)" ]
-    [ "$(calls ioreg | sort -u)" = "-c IOHIDSystem" ]
-}
-
-@test "idle time is rounded to the nearest second" {
-    setup_automatic
-    export FAKE_HID_IDLE_NS=299600000000
-    run_swap
-    assert_outcome ok 2.0.0
-    [ -z "$(calls sleep)" ]
-}
-
-@test "the swap waits in thirty-second naps until the user has been idle for five minutes" {
-    setup_automatic
-    export FAKE_USER_ACTIVE_UNTIL=3600
-    run_swap
-    assert_outcome ok 2.0.0
-    [ "$(calls sleep | grep -c '^30$')" -eq 130 ]
-    [ "$(launched_versions)" = "2.0.0 " ]
-}
-
-@test "a user active for six hours defers the update and keeps the app running" {
-    setup_automatic
-    export FAKE_HID_IDLE_NS=299400000000
-    run_swap
-    assert_outcome defer 1.0.0
-    assert_logged "user active for 21600s ${DASH} deferring to the next check"
-    [ "$(calls sleep | grep -c '^30$')" -eq 720 ]
-    [ -f "$FAKE_STATE/proc/Velmora" ]
-    [ -z "$(calls osascript)" ]
-    [ -z "$(calls mv)" ]
-}
-
-@test "a user who turns idle just as the six hours end still gets the update" {
-    setup_automatic
-    export FAKE_USER_ACTIVE_UNTIL=21300
-    run_swap
-    assert_outcome ok 2.0.0
-    [ "$(calls sleep | grep -c '^30$')" -eq 720 ]
-}
-
-@test "without HID data the user counts as active and the update is deferred" {
-    setup_automatic
-    run_swap
-    assert_outcome defer 1.0.0
-    [ "$(cat "$FAKE_STATE/clock")" -eq 21600 ]
-}
-
-@test "an interactive run never waits for idleness" {
-    app_process Velmora osascript
-    run_swap
-    assert_outcome ok 2.0.0
-    [ -z "$(calls ioreg)" ]
-}
+@test "an idle user gets the update at once" { idle FAKE_IOREG_IDLE_NS=300000000001 ok 0; }
+@test "idle time is rounded to the nearest second" { idle FAKE_IOREG_IDLE_NS=299600000000 ok 0; }
+@test "the update waits until the user has been idle for five minutes" { idle FAKE_IOREG_ACTIVE_UNTIL=3600 ok 130; }
+@test "a user who turns idle just as the six hours end gets the update" { idle FAKE_IOREG_ACTIVE_UNTIL=21300 ok 720; }
+@test "a user active for six hours keeps the app and the update is deferred" { idle FAKE_IOREG_IDLE_NS=299400000000 defer 720; }
+@test "without HID data the user counts as active" { idle FAKE_IOREG_IDLE_NS= defer 720; }

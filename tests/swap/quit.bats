@@ -1,54 +1,45 @@
-# Quitting the running app: politely, then SIGTERM, never SIGKILL.
+# Quitting the running app: asked politely, given 20 s, then SIGTERM and 15 s
+# more, never SIGKILL (teardown checks). Whether the new app is opened
+# depends on the mode and on whether the app ran.
 
 load swap_helpers
 
-@test "an app that ignores every request is left running and nothing is swapped" {
-    app_process Velmora never
-    run_swap
-    assert_outcome fail 1.0.0
-    assert_logged "app would not quit ${DASH} abort, live app untouched"
-    [ -f "$FAKE_STATE/proc/Velmora" ]
-    [ "$(calls osascript | wc -l)" -eq 2 ]
-    [ "$(calls pkill)" = "-x Velmora
--x QVelmoraApp" ]
+# quit NAME HOW WORD SECONDS [NAME=VALUE...]: an interactive run with the app running as NAME.
+quit() {
+    app "$1" "$2"
+    run_swap "${@:5}"
+    [ "$(naps 1)" -eq "$4" ]
+    [ "$(calls osascript)" = "-e tell application id \"$VELMORA_BUNDLE_ID\" to quit
+-e tell application \"Velmora\" to quit" ]
+    if [ "$3" = ok ]; then outcome ok 2.0.0; launched 2.0.0; else outcome fail 1.0.0; launched ""; fi
+}
+
+@test "an app that quits when asked gets no signal and no wait" {
+    app VelmoraUpdater never
+    quit Velmora osascript ok 0
+    [ -z "$(calls pkill)$(calls killall)$(calls ioreg)" ]
+    [ "$(calls xattr)" = "-dr com.apple.quarantine $DST" ]
+    [[ "$(awk '{ print $2 }' "$FAKE_LOG" | paste -sd' ')" == *"xattr open" ]]
+    logged "=== macOS update 2.0.0: dst=$DST legacy=none auto=0 ==="
+    logged "swap ok -> $DST (2.0.0)"
+}
+@test "an app that takes three seconds to quit is waited for" { quit Velmora "never 3" ok 3; [ -z "$(calls pkill)" ]; }
+@test "an app that only obeys SIGTERM is terminated after twenty seconds" {
+    quit QVelmoraApp term ok 20 FAKE_OSASCRIPT_RC=1
+    [ "$(calls pkill | paste -sd' ')" = "-x Velmora -x QVelmoraApp" ]
     [ "$(calls killall)" = "-TERM Velmora QVelmoraApp" ]
-    [ "$(calls sleep | grep -c '^1$')" -eq 35 ]
-    [ -z "$(calls mv)" ]
+}
+@test "an app that will not quit stays running and nothing is swapped" {
+    quit Velmora never fail 35
+    logged "app would not quit — abort, live app untouched"
+    [ "$(running Velmora)" = never ]
+}
+
+# relaunch AUTO [NAME=VALUE...]: a run while the app is not running.
+relaunch() { run_swap "AUTO=$1" "${@:2}"; outcome ok 2.0.0; [ -z "$(calls osascript)$(calls ioreg)" ]; }
+@test "an interactive run opens the new app even when it was not running" { relaunch 0; launched 2.0.0; }
+@test "an automatic run with the app closed swaps at once and opens nothing" {
+    relaunch 1 FAKE_OPEN_FAIL_VERSION=2.0.0
     [ -z "$(calls open)" ]
-    [ -z "$(calls kill)" ]
-}
-
-@test "an app that only obeys SIGTERM is terminated after twenty seconds of asking" {
-    app_process QVelmoraApp term
-    export FAKE_OSASCRIPT_RC=1
-    run_swap
-    assert_outcome ok 2.0.0
-    [ "$(calls sleep | grep -c '^1$')" -eq 20 ]
-    [ ! -f "$FAKE_STATE/proc/QVelmoraApp" ]
-    [ "$(launched_versions)" = "2.0.0 " ]
-}
-
-@test "an app that quits when asked gets no signal" {
-    app_process Velmora osascript
-    run_swap
-    assert_outcome ok 2.0.0
-    [ -z "$(calls pkill)" ]
-    [ -z "$(calls killall)" ]
-}
-
-@test "an app that takes a few seconds to quit is waited for" {
-    app_process Velmora never 3
-    run_swap
-    assert_outcome ok 2.0.0
-    [ "$(calls sleep | tr '\n' ' ')" = "1 1 1 " ]
-    [ -z "$(calls pkill)" ]
-}
-
-@test "an idle user's app that will not quit is left as it was" {
-    H_AUTO=1
-    app_process Velmora never
-    export FAKE_HID_IDLE_NS=900000000000
-    run_swap
-    assert_outcome fail 1.0.0
-    assert_logged "app would not quit ${DASH} abort, live app untouched"
+    logged "=== macOS update 2.0.0: dst=$DST legacy=none auto=1 ==="
 }
