@@ -4,6 +4,7 @@
 #include "installlocation.h"
 #include "localisation.h"
 #include "phase.h"
+#include "updatepublickeys.h"
 #include "verification.h"
 
 #include <QCoreApplication>
@@ -23,10 +24,27 @@
 static constexpr int progressThrottleMs = 100;
 static constexpr int transferTimeoutMs = 120000;
 static constexpr double bytesPerMegabyte = 1048576.0;
+static constexpr int maxSignatureBytes = 64 * 1024;
+
+// The package and its signature travel under the same rules: never from
+// HTTPS to HTTP, no key of the release service, a bound on silence.
+static QNetworkRequest packageRequest(const QString &url)
+{
+    QNetworkRequest request{QUrl(url)};
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
+    request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Mozilla/5.0 VelmoraUpdater/1.0"));
+    request.setTransferTimeout(transferTimeoutMs);
+    // Over HTTP/2, Qt's network thread keeps reading whatever the server
+    // sends, whatever the read buffer bound says: memory would grow with the
+    // package. HTTP/1.1 honours the bound, and every server speaks it.
+    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
+    return request;
+}
 
 Downloader::Downloader(const QString &version, const QString &url, const QString &sha256, bool packageFlag,
                        QObject *parent)
     : QObject(parent)
+    , maxPackageBytes(qint64(VELMORA_MAX_PACKAGE_MIB) * 1024 * 1024)
     , m_downloadUrl(url)
     , m_version(version)
     , m_expectedSha256(sha256.trimmed().toLower())
@@ -35,6 +53,14 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
     // updater always fetches the zip.
     Q_UNUSED(packageFlag);
     m_manager = new QNetworkAccessManager(this);
+
+    // Keys built in mean signatures are required; keys that will not parse
+    // (the configure step checks them, so only a damaged build) leave none
+    // that could verify, and every package is refused.
+    const QByteArray keys = updatePublicKeysText();
+    requireSignature = !keys.isEmpty();
+    if (requireSignature)
+        parseSigningKeys(keys, &signingKeys, nullptr);
 
     m_packageFilePath = QStandardPaths::writableLocation(QStandardPaths::TempLocation)
         + (m_installerPackage ? QStringLiteral("/VelmoraLabs-Setup.exe") : QStringLiteral("/VelmoraUpdate.zip"));
@@ -62,13 +88,8 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
     setPhase(Phase::Connecting);
     setStatus(translate("upd_connecting"));
 
-    QNetworkRequest request{QUrl(m_downloadUrl)};
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Mozilla/5.0 VelmoraUpdater/1.0"));
-    request.setTransferTimeout(transferTimeoutMs);
-
     m_throttle.start();
-    m_reply = m_manager->get(request);
+    m_reply = m_manager->get(packageRequest(m_downloadUrl));
     // Without a bound, the network thread reads ahead of the GUI thread and
     // hands over hundreds of megabytes at once: memory then grows with the
     // package and the window stalls while one huge block is written.
@@ -99,8 +120,22 @@ void Downloader::fail(const QString &message)
 
 void Downloader::onReadyRead()
 {
-    if (m_reply && m_file && m_file->isOpen())
-        m_file->write(m_reply->readAll());
+    if (!m_reply || !m_file || !m_file->isOpen())
+        return;
+    const QByteArray data = m_reply->readAll();
+    m_received += data.size();
+    // A server that sends without end must not fill the disk: the download
+    // stops at the announced length or the size limit, whichever is smaller.
+    const qint64 announced = m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+    if (announced > maxPackageBytes || m_received > maxPackageBytes)
+        m_stopReason = translate("upd_package_too_large").arg(maxPackageBytes / qint64(bytesPerMegabyte));
+    else if (announced > 0 && m_received > announced)
+        m_stopReason = translate("upd_package_longer_than_announced").arg(formatDecimal(announced / bytesPerMegabyte, 1));
+    if (!m_stopReason.isEmpty()) {
+        m_reply->abort();
+        return;
+    }
+    m_file->write(data);
 }
 
 void Downloader::onDownloadProgress(qint64 received, qint64 total)
@@ -132,25 +167,67 @@ void Downloader::onDownloadFinished()
     m_reply = nullptr;
     reply->deleteLater();
 
-    switch (reply->error()) {
-    case QNetworkReply::NoError:
+    if (reply->error() == QNetworkReply::NoError) {
         setProgress(100);
-        startInstall();
+        if (requireSignature)
+            fetchSignature();
+        else
+            startInstall();
         return;
-    case QNetworkReply::OperationCanceledError:
+    }
+    if (m_file)
+        m_file->remove();
+    // A stop of the updater's own is a failure, never the user's cancel.
+    if (reply->error() == QNetworkReply::OperationCanceledError && m_stopReason.isEmpty()) {
+        emit done();
+        return;
+    }
+    setHasError(true);
+    setPhase(Phase::Failed);
+    setStatus(translate("upd_download_error").arg(m_stopReason.isEmpty() ? reply->errorString() : m_stopReason));
+    setIsFinished(true);
+}
+
+void Downloader::fetchSignature()
+{
+    m_reply = m_manager->get(packageRequest(m_downloadUrl + QStringLiteral(".minisig")));
+    m_reply->setReadBufferSize(maxSignatureBytes + 1);
+    connect(m_reply, &QIODevice::readyRead, this, &Downloader::onSignatureReadyRead);
+    connect(m_reply, &QNetworkReply::finished, this, &Downloader::onSignatureFinished);
+}
+
+void Downloader::onSignatureReadyRead()
+{
+    if (!m_reply)
+        return;
+    m_signature += m_reply->readAll();
+    // A signature is a few hundred bytes; anything larger is not one, and is
+    // not worth the disk or the memory.
+    if (m_signature.size() > maxSignatureBytes) {
+        m_signatureRefused = true;
+        m_reply->abort();
+    }
+}
+
+void Downloader::onSignatureFinished()
+{
+    if (!m_reply)
+        return;
+    QNetworkReply *reply = m_reply;
+    m_reply = nullptr;
+    reply->deleteLater();
+
+    if (reply->error() == QNetworkReply::OperationCanceledError && !m_signatureRefused) {
         if (m_file)
             m_file->remove();
         emit done();
         return;
-    default:
-        setHasError(true);
-        setPhase(Phase::Failed);
-        setStatus(translate("upd_download_error").arg(reply->errorString()));
-        if (m_file)
-            m_file->remove();
-        setIsFinished(true);
-        return;
     }
+    // Any failure to fetch it leaves no signature, which the worker refuses
+    // once it has read the package: never a silent skip.
+    if (reply->error() != QNetworkReply::NoError || m_signatureRefused)
+        m_signature.clear();
+    startInstall();
 }
 
 void Downloader::postState(const QString &message, int phase, bool error)
@@ -194,6 +271,9 @@ InstallJobInputs Downloader::jobInputs() const
     inputs.autoMode = autoMode;
     inputs.statusPolls = statusPolls;
     inputs.statusPollIntervalMs = statusPollIntervalMs;
+    inputs.requireSignature = requireSignature;
+    inputs.signingKeys = signingKeys;
+    inputs.signature = m_signature;
     return inputs;
 }
 

@@ -51,6 +51,13 @@ public:
     // file: 300 polls a second apart. Fixed before the worker starts.
     int statusPolls = 300;
     int statusPollIntervalMs = 1000;
+    // With the publisher's keys built in, a package is installed only with a
+    // valid signature of theirs, fetched from "<package URL>.minisig".
+    // Fixed before the download ends; a test may set other keys.
+    bool requireSignature = false;
+    QList<SigningKey> signingKeys;
+    // The most a package may be, in bytes: the deployment's limit.
+    qint64 maxPackageBytes;
 
 signals:
     void progressChanged();
@@ -71,6 +78,9 @@ private:
     void onDownloadProgress(qint64 received, qint64 total);
     void onDownloadFinished();
     void onInstallWorkerFinished();
+    void fetchSignature();
+    void onSignatureReadyRead();
+    void onSignatureFinished();
     void applyState(const QString &message, int phase, bool error);
     InstallJobInputs jobInputs() const;
     InstallReport reporter();
@@ -105,5 +115,9 @@ private:
     QNetworkReply *m_reply = nullptr;
     QFile *m_file = nullptr;
     QElapsedTimer m_throttle;
+    qint64 m_received = 0;
+    QString m_stopReason;
+    QByteArray m_signature;
+    bool m_signatureRefused = false;
     QFutureWatcherBase *m_installWatcher = nullptr;
 };

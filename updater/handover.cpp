@@ -10,6 +10,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QProcessEnvironment>
+#include <QSaveFile>
 #include <QStringList>
 #include <QSysInfo>
 
@@ -84,24 +86,64 @@ QByteArray buildSwapScript(const SwapScriptValues &values)
     return text.toUtf8();
 }
 
-// Writes the whole script or nothing: bash runs a script as far as it can
-// read it, and a copy cut short by a full disk could stop right after moving
-// the installed bundle aside, with nothing put in its place.
+// Writes the whole script or nothing, as a new file moved into place. bash
+// reads a script as it runs it: rewriting the file in place would make a
+// script still running from an earlier run go on in this run's text at its
+// old offset, and a copy cut short by a full disk could stop right after
+// moving the installed bundle aside, with nothing put in its place.
 static bool writeScript(const QString &scriptPath, const QByteArray &text)
 {
-    QFile script(scriptPath);
-    if (!script.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
+    QSaveFile script(scriptPath);
+    if (!script.open(QIODevice::WriteOnly | QIODevice::Text))
         return false;
-    const bool written = script.write(text) == text.size() && script.flush();
-    script.close();
-    if (!written) {
-        script.remove();
+    if (script.write(text) != text.size() || !script.commit())
         return false;
-    }
-    script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
-                          | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
-                          | QFileDevice::ExeOther);
+    QFile::setPermissions(scriptPath, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                          | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
+                                          | QFileDevice::ExeOther);
     return true;
+}
+
+// The script's bash starts clean of the shell start-up code an environment
+// can carry: a function named mv, or a BASH_ENV file, would run inside the
+// swap. Everything else (TMPDIR, PATH, HOME, the locale) is inherited.
+static QProcessEnvironment scriptEnvironment()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    const QStringList names = environment.keys();
+    for (const QString &name : names) {
+        if (name.startsWith(QLatin1String("BASH_FUNC_")))
+            environment.remove(name);
+    }
+    for (const char *name : {"BASH_ENV", "ENV", "SHELLOPTS", "BASHOPTS", "CDPATH", "GLOBIGNORE"})
+        environment.remove(QString::fromLatin1(name));
+    return environment;
+}
+
+static QString scriptPathIn(const QString &tempLocation)
+{
+    return tempLocation + QStringLiteral("/velmora_apply_update.sh");
+}
+
+bool earlierSwapScriptRunning(const QString &tempLocation)
+{
+    // The script is started as "/bin/bash <path>" and removes itself when it
+    // ends, so a process with exactly that command line is one still at work
+    // (perhaps waiting hours for an idle user), whichever run started it.
+    QProcess ps;
+    ps.start(QStringLiteral("/bin/ps"), {QStringLiteral("-A"), QStringLiteral("-o"), QStringLiteral("command=")},
+             QIODevice::ReadOnly);
+    // If the process table cannot be read, assume the worst: a refused
+    // update is offered again later, two swaps of one bundle are not undone.
+    if (!ps.waitForFinished(10000) || ps.exitStatus() != QProcess::NormalExit || ps.exitCode() != 0)
+        return true;
+    const QByteArray command = QByteArrayLiteral("/bin/bash ") + scriptPathIn(tempLocation).toLocal8Bit();
+    const QList<QByteArray> lines = ps.readAllStandardOutput().split('\n');
+    for (const QByteArray &line : lines) {
+        if (line.trimmed() == command)
+            return true;
+    }
+    return false;
 }
 
 JobEnd handOver(const InstallJobInputs &inputs, const QString &sourceRoot, const QString &tempLocation,
@@ -114,7 +156,7 @@ JobEnd handOver(const InstallJobInputs &inputs, const QString &sourceRoot, const
     }
 
     const InstallLocation location = findInstallLocation(inputs.arguments, inputs.applicationDir);
-    const QString scriptPath = tempLocation + QStringLiteral("/velmora_apply_update.sh");
+    const QString scriptPath = scriptPathIn(tempLocation);
     const QString statusPath = tempLocation + QStringLiteral("/velmora_update.status");
     // A word left by an earlier run must never be taken for this run's outcome.
     QFile::remove(statusPath);
@@ -135,7 +177,11 @@ JobEnd handOver(const InstallJobInputs &inputs, const QString &sourceRoot, const
     }
     // Detached, so that the script outlives the updater: in automatic mode it
     // replaces the very bundle this executable runs from.
-    if (!QProcess::startDetached(QStringLiteral("/bin/bash"), {scriptPath})) {
+    QProcess bash;
+    bash.setProgram(QStringLiteral("/bin/bash"));
+    bash.setArguments({scriptPath});
+    bash.setProcessEnvironment(scriptEnvironment());
+    if (!bash.startDetached()) {
         report(translate("upd_script_start_failed"), Phase::Failed, true);
         return JobEnd::Reported;
     }

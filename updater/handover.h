@@ -32,6 +32,10 @@ QByteArray swapScriptBody();
 // the file on disk holds it.
 QByteArray buildSwapScript(const SwapScriptValues &values);
 
+// True while a swap script started from tempLocation by an earlier run is
+// still alive (or when that cannot be told): no second one may start then.
+bool earlierSwapScriptRunning(const QString &tempLocation);
+
 // Finds the new bundle, writes the swap script into tempLocation, starts it
 // detached and, in interactive mode, watches its status file.
 JobEnd handOver(const InstallJobInputs &inputs, const QString &sourceRoot, const QString &tempLocation,

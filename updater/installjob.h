@@ -1,5 +1,9 @@
 #pragma once
 
+#include "packagesignature.h"
+
+#include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -21,6 +25,11 @@ struct InstallJobInputs
     // The interactive watch of the swap script's status file.
     int statusPolls = 300;
     int statusPollIntervalMs = 1000;
+    // Signed updates: the publisher's keys, and the signature file as fetched
+    // (empty when it could not be had, which is a refusal).
+    bool requireSignature = false;
+    QList<SigningKey> signingKeys;
+    QByteArray signature;
 };
 
 // How the worker reports, with postState's meaning: an empty message leaves

@@ -4,6 +4,8 @@
 #include "updateoutcome.h"
 
 #include <QApplication>
+#include <QLockFile>
+#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTimer>
 
@@ -26,6 +28,16 @@ int main(int argc, char *argv[])
         // One write, so that a reader of the pipe never sees half the text.
         std::fwrite(usage.constData(), 1, size_t(usage.size()), stdout);
         std::fflush(stdout);
+        delete app;
+        return 0;
+    }
+
+    // One updater per user at a time: a second one, started by hand or by
+    // the next automatic check, leaves the first alone and ends at once.
+    QLockFile runLock(QStandardPaths::writableLocation(QStandardPaths::TempLocation)
+                      + QStringLiteral("/velmora_updater.lock"));
+    runLock.setStaleLockTime(0);
+    if (!runLock.tryLock(0)) {
         delete app;
         return 0;
     }
