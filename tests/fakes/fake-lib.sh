@@ -52,3 +52,28 @@ fake_world() {
 
 # calls TOOL: the arguments of every call of TOOL so far, one call a line.
 calls() { awk -v tool="$1" '$2 == tool { sub(/^[^ ]* [^ ]* ?/, ""); print }' "$FAKE_LOG"; }
+
+# fake_mounts [CA_PEM WORK_DIR]: overlays the fake PlistBuddy on /usr/libexec
+# and, given a CA, makes it trusted in /etc/ssl/certs, its overlay folder made
+# in WORK_DIR. Qt reads neither SSL_CERT_FILE nor SSL_CERT_DIR: its OpenSSL
+# backend looks certificates up by subject hash in /etc/ssl/certs and
+# otherwise reads ca-certificates.crt, so the overlay carries both. Mounts
+# only in a namespace other than VELMORA_MOUNTS_LEFT, the one that the caller
+# left with "unshare -m": the machine's own folders are never changed.
+fake_mounts() {
+    local fakes certs hash n=0
+    if [ -z "${VELMORA_MOUNTS_LEFT:-}" ] || [ "$(readlink /proc/self/ns/mnt)" = "$VELMORA_MOUNTS_LEFT" ]; then
+        echo "fake_mounts: refusing to mount outside a private mount namespace" >&2
+        return 1
+    fi
+    fakes=$(cd "${BASH_SOURCE[0]%/*}" && pwd)
+    mount -t overlay overlay -o "lowerdir=$fakes/libexec:/usr/libexec" /usr/libexec || return
+    [ -n "${1:-}" ] || return 0
+    certs=$2/trusted-certs
+    rm -rf "$certs" && mkdir -p "$certs" && cp "$1" "$certs/velmora-test-ca.pem" || return
+    hash=$(openssl x509 -noout -subject_hash -in "$1") || return
+    while [ -e "/etc/ssl/certs/$hash.$n" ]; do n=$((n + 1)); done
+    ln -s velmora-test-ca.pem "$certs/$hash.$n"
+    cat /etc/ssl/certs/ca-certificates.crt "$1" > "$certs/ca-certificates.crt" 2>/dev/null || cp "$1" "$certs/ca-certificates.crt"
+    mount -t overlay overlay -o "lowerdir=$certs:/etc/ssl/certs" /etc/ssl/certs
+}
