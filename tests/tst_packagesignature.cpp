@@ -1,9 +1,18 @@
 // Signatures come from the real minisign tool, made afresh for every run, so
-// the updater is checked against what a publisher actually ships.
+// the updater is checked against what a publisher actually ships. The package
+// is a zip that holds no bundle: through a real Downloader, an accepted
+// signature ends in "Velmora.app was not found" after unpacking, a refused
+// one before anything is unpacked.
 
+#include "downloader.h"
+#include "httpstestserver.h"
+#include "localisation.h"
 #include "packagesignature.h"
+#include "sandbox.h"
+#include "testfiles.h"
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QHash>
 #include <QProcess>
 #include <QStandardPaths>
@@ -22,15 +31,19 @@ private slots:
     void verify();
     void parseKeys_data();
     void parseKeys();
+    void throughTheDownloader_data();
+    void throughTheDownloader();
 
 private:
     bool minisign(const QStringList &arguments) const;
     QByteArray file(const QString &name) const;
+    QList<SigningKey> keys(const QString &which) const;
     QByteArray sign(const QString &key, const QString &target, const QByteArray &comment, bool legacy = false);
 
     QTemporaryDir m_dir;
     QString m_minisign;
     QHash<QString, QByteArray> m_signatures;
+    QByteArray m_package;
     PackageDigests m_digests;
     int m_signed = 0;
 };
@@ -49,6 +62,18 @@ QByteArray TestPackageSignature::file(const QString &name) const
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
+// "12": key1.pub and key2.pub, as a rotation ships them. Keys that did not
+// parse would show as refusals where a row expects a verdict of the key.
+QList<SigningKey> TestPackageSignature::keys(const QString &which) const
+{
+    QByteArray text;
+    for (const QChar key : which)
+        text += file(QStringLiteral("key%1.pub").arg(key)) + '\n';
+    QList<SigningKey> parsed;
+    parseSigningKeys(text, &parsed, nullptr);
+    return parsed;
+}
+
 QByteArray TestPackageSignature::sign(const QString &key, const QString &target, const QByteArray &comment, bool legacy)
 {
     const QString out = QStringLiteral("%1.minisig").arg(++m_signed);
@@ -63,21 +88,21 @@ void TestPackageSignature::initTestCase()
 {
     m_minisign = QStandardPaths::findExecutable(QStringLiteral("minisign"));
     QVERIFY2(!m_minisign.isEmpty(), "minisign must be installed to make the signatures");
-    QVERIFY(m_dir.isValid());
+    QVERIFY(m_dir.isValid() && HttpsTestServer::trustTestCa());
     for (const QString key : {"key1", "key2"})
         QVERIFY(minisign({"-G", "-W", "-p", m_dir.filePath(key + ".pub"), "-s", m_dir.filePath(key + ".sec")}));
-    // Over a megabyte and not a multiple of any read size, so the digests
-    // must be carried across chunks and end on a short one.
-    QByteArray package(1024 * 1024 + 4097, Qt::Uninitialized);
-    std::generate(package.begin(), package.end(),
-                  [n = 0u]() mutable { return char((n = n * 1103515245 + 12345) >> 16); });
-    for (const auto &[name, contents] : {std::pair{"package", package}, std::pair{"other", package.left(4096)}}) {
-        QFile out(m_dir.filePath(name));
-        QVERIFY(out.open(QIODevice::WriteOnly) && out.write(contents) == contents.size());
-    }
+    // Noise does not compress, so the zip is over a megabyte and not a
+    // multiple of any read size: the digests must be carried across chunks
+    // and end on a short one.
+    QByteArray noise(1024 * 1024 + 4097, Qt::Uninitialized);
+    std::generate(noise.begin(), noise.end(), [n = 0u]() mutable { return char((n = n * 1103515245 + 12345) >> 16); });
+    QVERIFY(writeFile(m_dir.filePath("contents/payload.bin"), noise));
+    m_package = zipFolder(m_dir.filePath("contents"));
+    QVERIFY(m_package.size() > noise.size() && m_package.size() % 512);
+    QVERIFY(writeFile(m_dir.filePath("package"), m_package) && writeFile(m_dir.filePath("other"), noise.left(4096)));
     m_digests = digestPackage(m_dir.filePath("package"));
     QVERIFY(m_digests.ok);
-    QCOMPARE(m_digests.sha256, QCryptographicHash::hash(package, QCryptographicHash::Sha256));
+    QCOMPARE(m_digests.sha256, QCryptographicHash::hash(m_package, QCryptographicHash::Sha256));
 
     m_signatures = {
         {"key 1", sign("key1", "package", "version:2.0.0")},
@@ -147,13 +172,8 @@ void TestPackageSignature::verify()
     QFETCH(SignatureVerdict, verdict);
 
     QVERIFY(m_signatures.contains(signature));
-    QList<SigningKey> keyList;
-    QByteArray keyText;
-    for (const QChar key : keys)
-        keyText += file(QStringLiteral("key%1.pub").arg(key)) + '\n';
-    QVERIFY(keys.isEmpty() || parseSigningKeys(keyText, &keyList, nullptr));
-    QCOMPARE(verifyPackageSignature(m_signatures.value(signature), keyList, m_dir.filePath("package"), m_digests,
-                                    expectedVersion),
+    QCOMPARE(verifyPackageSignature(m_signatures.value(signature), this->keys(keys), m_dir.filePath("package"),
+                                    m_digests, expectedVersion),
              verdict);
 }
 
@@ -184,5 +204,64 @@ void TestPackageSignature::parseKeys()
     QCOMPARE(error.isEmpty(), count > 0);
 }
 
-QTEST_GUILESS_MAIN(TestPackageSignature)
+void TestPackageSignature::throughTheDownloader_data()
+{
+    QTest::addColumn<QString>("signature");
+    QTest::addColumn<QString>("keys"); // none: signatures are not required
+    QTest::addColumn<int>("httpStatus"); // of the answer to the .minisig request
+    QTest::addColumn<bool>("unpacked");
+
+    const auto row = [](const char *name, const char *signature, const char *keys, int status, bool unpacked) {
+        QTest::newRow(name) << QString::fromLatin1(signature) << QString::fromLatin1(keys) << status << unpacked;
+    };
+    row("unpacks with the configured key", "key 1", "1", 200, true);
+    row("unpacks with the new key during a rotation", "key 2", "12", 200, true);
+    row("unpacks the legacy form", "legacy", "1", 200, true);
+    row("unpacks with other tokens around the version", "extra tokens", "1", 200, true);
+    row("asks for no signature when none is required", "2.0.1", "", 200, true);
+    row("refuses a key that is not configured", "key 2", "1", 200, false);
+    row("refuses a signature in a 404 answer", "key 1", "1", 404, false);
+    row("refuses the signature of another file", "other file", "1", 200, false);
+    row("refuses another release", "2.0.1", "1", 200, false);
+    row("refuses a version token that only starts the same", "2.0.0.1", "1", 200, false);
+    row("refuses a trusted comment edited after signing", "comment altered", "1", 200, false);
+    row("refuses a signature file over 64 KiB", "oversized", "1", 200, false);
+}
+
+void TestPackageSignature::throughTheDownloader()
+{
+    QFETCH(QString, signature);
+    QFETCH(QString, keys);
+    QFETCH(int, httpStatus);
+    QFETCH(bool, unpacked);
+
+    const QString temp = QStandardPaths::writableLocation(QStandardPaths::TempLocation);
+    QVERIFY(QDir(temp + "/VelmoraExtract").removeRecursively());
+    HttpsTestServer server;
+    QVERIFY(server.start());
+    server.setResponse("/VelmoraUpdate.zip", ScriptedResponse::ok(m_package));
+    server.setResponse("/VelmoraUpdate.zip.minisig", {httpStatus, {}, m_signatures.value(signature)});
+    Downloader d("2.0.0", server.url("/VelmoraUpdate.zip").toString(), sha256Hex(m_package), false);
+    d.requireSignature = !keys.isEmpty();
+    d.signingKeys = this->keys(keys);
+    QTRY_VERIFY_WITH_TIMEOUT(d.isFinished(), 15000);
+
+    QCOMPARE(d.status(), translate(unpacked ? "upd_app_not_found" : "upd_signature_failed"));
+    QCOMPARE(d.phase(), -1);
+    QCOMPARE(QFile::exists(temp + "/VelmoraExtract/payload.bin"), unpacked);
+    QVERIFY(!QFile::exists(d.packageFilePath()) && !QFile::exists(temp + "/velmora_apply_update.sh"));
+
+    const QList<RecordedRequest> requests = server.requests();
+    QByteArrayList paths;
+    for (const RecordedRequest &request : requests)
+        paths << request.path;
+    QCOMPARE(paths,
+             QByteArrayList{"/VelmoraUpdate.zip"} + QByteArrayList(!keys.isEmpty(), "/VelmoraUpdate.zip.minisig"));
+    // The file server sees the signature fetched as the package is, and no
+    // key of the release service.
+    QCOMPARE(requests.last().header("User-Agent"), requests.first().header("User-Agent"));
+    QCOMPARE(requests.last().header("apikey") + requests.last().header("Authorization"), QByteArray());
+}
+
+VELMORA_SANDBOX_TEST_MAIN(TestPackageSignature)
 #include "tst_packagesignature.moc"
