@@ -3,11 +3,12 @@
 # a fake Mac under $SB (a path with a space and a quote, as a user's folder
 # may have): Velmora.app 1.0.0 installed at $DST, the package's Velmora.app
 # 2.0.0 extracted, the fake tools first on PATH, TMPDIR inside. A scenario
-# sets the running processes (app), runs the script with the header's
-# variables (named as in the script) and the fakes' answers (FAKE_*) it
-# changes, then asserts what a user would find. teardown checks what holds after every run: one status word
-# and a line feed; the script, the staged copy and the extraction removed;
-# no old bundle kept after success; never SIGKILL; every log line stamped.
+# sets the running processes (app), runs the script with the header
+# variables (named as in the script) and fakes' answers (FAKE_*) it changes,
+# then asserts what a user would find. teardown checks what holds after
+# every run: one status word and a line feed; the script, the staged copy
+# and the extraction removed; no old bundle kept after success; never
+# SIGKILL; every log line stamped with its time.
 # shellcheck source=SCRIPTDIR/../fakes/fake-lib.sh
 . "$BATS_TEST_DIRNAME/../fakes/fake-lib.sh"
 : "${SWAP_BODY:=$BATS_TEST_DIRNAME/../../updater/scripts/apply_update.sh}"
