@@ -34,14 +34,19 @@ publish_zip() {  # ZIP VERSION
     PACKAGE=/packages/${1##*/}
 }
 
-# run_updater ARGS...: the real executable, for the sandbox's Applications
-# folder, with the fakes first on PATH. It must end by itself with status 0;
-# then the swap script, which may outlive it, gets 60 s to finish.
-run_updater() {
-    local start=$SECONDS
+# updater ARGS...: the real executable, for the sandbox's Applications
+# folder, with the fakes first on PATH, ended after 150 s at the latest.
+updater() {
     PATH="$FAKE_STATE/bin:$PATH" HOME="$SB" XDG_CONFIG_HOME="$SB/config" XDG_RUNTIME_DIR="$SB/runtime" TMPDIR="$TEMP" \
         QT_QPA_PLATFORM=offscreen VELMORA_DEFAULT_LANGUAGE=en timeout -k 5 150 \
-        "$VELMORA_UPDATER" --install-dir "$APPS" "$@" > "$SB/updater.out" 2>&1 3>&- ||
+        "$VELMORA_UPDATER" --install-dir "$APPS" "$@" 3>&-
+}
+
+# run_updater ARGS...: the updater must end by itself with status 0; then
+# the swap script, which may outlive it, gets 60 s to finish.
+run_updater() {
+    local start=$SECONDS
+    updater "$@" > "$SB/updater.out" 2>&1 ||
         { echo "the updater exited with $? (124: it did not end)"; cat "$SB/updater.out"; return 1; }
     echo $((SECONDS - start)) > "$SB/seconds"
     for _ in $(seq 600); do
