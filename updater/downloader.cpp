@@ -140,6 +140,10 @@ void Downloader::onReadyRead()
 
 void Downloader::onDownloadProgress(qint64 received, qint64 total)
 {
+    // Once the updater has stopped the download, Qt's closing report would
+    // show a full bar beside the error.
+    if (!m_stopReason.isEmpty())
+        return;
     if (m_phase <= Phase::Connecting)
         setPhase(Phase::Downloading);
 
