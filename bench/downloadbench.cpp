@@ -44,15 +44,16 @@ static void printState(const Downloader &downloader, qint64 elapsedMs)
 
 static void printTimes(const QElapsedTimer &clock, const QString &path, long startRss, double startCpu)
 {
-    std::printf("seconds=%.4f bytes=%lld peak_rss_kib=%ld start_rss_kib=%ld cpu_seconds=%.3f", clock.nsecsElapsed() / 1e9,
-                QFileInfo(path).size(), peakRssKib(), startRss, cpuSeconds() - startCpu);
+    std::printf("seconds=%.4f bytes=%lld peak_rss_kib=%ld start_rss_kib=%ld cpu_seconds=%.3f",
+                clock.nsecsElapsed() / 1e9, QFileInfo(path).size(), peakRssKib(), startRss, cpuSeconds() - startCpu);
 }
 
 static int usage()
 {
-    std::fprintf(stderr, "usage: downloadbench [--max-mib N] URL SHA256 CA_PEM\n"
-                         "       downloadbench [--max-mib N] --watch SECONDS URL CA_PEM\n"
-                         "       downloadbench --bare-http2 URL CA_PEM\n");
+    std::fprintf(stderr,
+                 "usage: downloadbench [--max-mib N] URL SHA256 CA_PEM\n"
+                 "       downloadbench [--max-mib N] --watch SECONDS URL CA_PEM\n"
+                 "       downloadbench --bare-http2 URL CA_PEM\n");
     return 2;
 }
 
@@ -100,7 +101,8 @@ int main(int argc, char **argv)
         QNetworkAccessManager manager;
         QNetworkRequest request{QUrl(url)};
         request.setAttribute(QNetworkRequest::Http2AllowedAttribute, true);
-        const QString path = QStandardPaths::writableLocation(QStandardPaths::TempLocation) + QStringLiteral("/VelmoraUpdate.zip");
+        const QString path
+            = QStandardPaths::writableLocation(QStandardPaths::TempLocation) + QStringLiteral("/VelmoraUpdate.zip");
         QFile file(path);
         if (!file.open(QIODevice::WriteOnly)) {
             std::fprintf(stderr, "downloadbench: cannot write %s\n", qPrintable(path));

@@ -43,9 +43,8 @@ int main(int argc, char **argv)
     clock.start();
     qint64 lastTick = 0;
     QString phaseChanges;
-    QObject::connect(downloader, &Downloader::phaseChanged, [&] {
-        phaseChanges += QStringLiteral(" %1@%2").arg(downloader->phase()).arg(clock.elapsed());
-    });
+    QObject::connect(downloader, &Downloader::phaseChanged,
+                     [&] { phaseChanges += QStringLiteral(" %1@%2").arg(downloader->phase()).arg(clock.elapsed()); });
     QTimer timer;
     timer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&timer, &QTimer::timeout, [&] {
@@ -66,8 +65,8 @@ int main(int argc, char **argv)
         std::printf("connecting_ms=%.1f download_ms=%.1f verify_extract_ms=%.1f handover_ms=%.1f ticks=%ld "
                     "worst_at_ms=%lld,%lld,%lld,%lld phases=%s status=\"%s\"\n",
                     longest[0] / 1000.0, longest[1] / 1000.0, longest[2] / 1000.0, longest[3] / 1000.0, ticks,
-                    longestAt[0], longestAt[1], longestAt[2], longestAt[3], qPrintable(phaseChanges.trimmed().replace(' ', ',')),
-                    qPrintable(downloader->status()));
+                    longestAt[0], longestAt[1], longestAt[2], longestAt[3],
+                    qPrintable(phaseChanges.trimmed().replace(' ', ',')), qPrintable(downloader->status()));
         std::fflush(stdout);
         app.quit();
     });

@@ -72,7 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             if (!ownText.isEmpty())
                 FUZZ_CHECK(result.value(key).toString() == ownText, where + QStringLiteral(" lost its own text"));
             else if (!englishText.isEmpty())
-                FUZZ_CHECK(result.value(key).toString() == englishText, where + QStringLiteral(" not filled from English"));
+                FUZZ_CHECK(result.value(key).toString() == englishText,
+                           where + QStringLiteral(" not filled from English"));
             else
                 FUZZ_CHECK(result.value(key) == turkish.value(key), where + QStringLiteral(" not filled from Turkish"));
         }

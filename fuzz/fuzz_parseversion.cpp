@@ -79,8 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FUZZ_CHECK(same(got, referenceParse(text)), describe(text, got));
 
     if (got.valid) {
-        FUZZ_CHECK(got.major <= 999999999u && got.minor <= 999999999u && got.patch <= 999999999u,
-                   describe(text, got));
+        FUZZ_CHECK(got.major <= 999999999u && got.minor <= 999999999u && got.patch <= 999999999u, describe(text, got));
         const QString canonical = QStringLiteral("%1.%2.%3").arg(got.major).arg(got.minor).arg(got.patch);
         FUZZ_CHECK(same(parseVersion(canonical), got), describe(text, got) + QStringLiteral(" canonical ") + canonical);
     }
@@ -100,7 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     // A pre-release or build suffix is ignored, whatever it holds.
     if (got.valid && !isBlank(text.back())) {
-        for (const QString &suffix : {QStringLiteral("-rc.1"), QStringLiteral("+build.7"), QStringLiteral("-x.y.z.w")}) {
+        for (const QString &suffix :
+             {QStringLiteral("-rc.1"), QStringLiteral("+build.7"), QStringLiteral("-x.y.z.w")}) {
             const QString suffixed = text + suffix;
             FUZZ_CHECK(same(parseVersion(suffixed), got), describe(suffixed, parseVersion(suffixed)));
         }

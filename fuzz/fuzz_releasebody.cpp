@@ -62,16 +62,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArray body = lineEnd < 0 ? QByteArray() : rest.mid(lineEnd + 1);
 
     int installedAsked = 0;
-    const Verdict verdict = evaluateReleaseBody(body, [&] {
-        ++installedAsked;
-        return installed;
-    }, arch);
+    const Verdict verdict = evaluateReleaseBody(
+        body,
+        [&] {
+            ++installedAsked;
+            return installed;
+        },
+        arch);
     const UpdateInfo &info = verdict.info;
-    const QString seen = QStringLiteral("arch %1 installed \"%2\" -> ok=%3 version \"%4\" url \"%5\" sha \"%6\" message \"%7\"")
-                             .arg(arch, visible(installed))
-                             .arg(verdict.ok)
-                             .arg(visible(info.version), visible(info.downloadUrl), visible(info.sha256),
-                                  visible(info.message));
+    const QString seen
+        = QStringLiteral("arch %1 installed \"%2\" -> ok=%3 version \"%4\" url \"%5\" sha \"%6\" message \"%7\"")
+              .arg(arch, visible(installed))
+              .arg(verdict.ok)
+              .arg(visible(info.version), visible(info.downloadUrl), visible(info.sha256), visible(info.message));
 
     FUZZ_CHECK(verdict.ok == info.message.isEmpty(), seen);
     FUZZ_CHECK(installedAsked <= 1, seen);

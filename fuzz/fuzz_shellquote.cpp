@@ -73,8 +73,7 @@ static bool runBash(const QByteArray &command, QByteArray *output)
     }
     close(pipeFds[0]);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) { }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
@@ -115,8 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     QByteArray printed;
     const bool ran = runBash("printf %s " + quoted.toUtf8(), &printed);
-    FUZZ_CHECK(ran && printed == utf8,
-               QStringLiteral("bash printed \"%1\" for \"%2\"")
-                   .arg(visible(QString::fromUtf8(printed)), visible(value)));
+    FUZZ_CHECK(
+        ran && printed == utf8,
+        QStringLiteral("bash printed \"%1\" for \"%2\"").arg(visible(QString::fromUtf8(printed)), visible(value)));
     return 0;
 }

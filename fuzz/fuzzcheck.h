@@ -9,13 +9,13 @@
 
 // A broken invariant is a crash to the fuzzer and a failure to the replay:
 // print what was seen and abort.
-#define FUZZ_CHECK(condition, detail)                                                           \
-    do {                                                                                        \
-        if (!(condition)) {                                                                     \
-            std::fprintf(stderr, "invariant broken at %s:%d: %s\n  %s\n", __FILE__, __LINE__,   \
-                         #condition, QString(detail).toUtf8().constData());                     \
-            std::abort();                                                                       \
-        }                                                                                       \
+#define FUZZ_CHECK(condition, detail)                                                                                  \
+    do {                                                                                                               \
+        if (!(condition)) {                                                                                            \
+            std::fprintf(stderr, "invariant broken at %s:%d: %s\n  %s\n", __FILE__, __LINE__, #condition,              \
+                         QString(detail).toUtf8().constData());                                                        \
+            std::abort();                                                                                              \
+        }                                                                                                              \
     } while (0)
 
 inline QString visible(const QString &text)

@@ -18,8 +18,7 @@ public:
     // `source` lets tests load a broken view; the updater always shows the
     // one in the resources.
     DownloadDialog(const QString &version, const QString &downloadUrl, const QString &sha256, bool packageFlag,
-                   QObject *parent = nullptr,
-                   const QUrl &source = QUrl(QStringLiteral("qrc:/qml/download.qml")));
+                   QObject *parent = nullptr, const QUrl &source = QUrl(QStringLiteral("qrc:/qml/download.qml")));
     ~DownloadDialog() override;
 
     void show();

@@ -130,7 +130,8 @@ void Downloader::onReadyRead()
     if (announced > maxPackageBytes || m_received > maxPackageBytes)
         m_stopReason = translate("upd_package_too_large").arg(maxPackageBytes / qint64(bytesPerMegabyte));
     else if (announced > 0 && m_received > announced)
-        m_stopReason = translate("upd_package_longer_than_announced").arg(formatDecimal(announced / bytesPerMegabyte, 1));
+        m_stopReason
+            = translate("upd_package_longer_than_announced").arg(formatDecimal(announced / bytesPerMegabyte, 1));
     if (!m_stopReason.isEmpty()) {
         m_reply->abort();
         return;
@@ -289,7 +290,8 @@ InstallReport Downloader::reporter()
 void Downloader::endJob(JobEnd end)
 {
     if (end == JobEnd::QuitForSwap)
-        QMetaObject::invokeMethod(this, [this] { emit done(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { emit done(); }, Qt::QueuedConnection);
 }
 
 bool Downloader::verifyChecksum()

@@ -81,8 +81,8 @@ QByteArray buildSwapScript(const SwapScriptValues &values)
     // the log reads the same whichever release wrote the script; bash meets
     // the dashes only in comments and log text, so the swap is unaffected.
     // The values are real text and are encoded once.
-    const QString text = QStringLiteral("#!/bin/bash\nset +e\n") + header.join(QLatin1Char('\n'))
-        + QLatin1Char('\n') + QString::fromLatin1(swapScriptBody());
+    const QString text = QStringLiteral("#!/bin/bash\nset +e\n") + header.join(QLatin1Char('\n')) + QLatin1Char('\n')
+        + QString::fromLatin1(swapScriptBody());
     return text.toUtf8();
 }
 
@@ -98,9 +98,10 @@ static bool writeScript(const QString &scriptPath, const QByteArray &text)
         return false;
     if (script.write(text) != text.size() || !script.commit())
         return false;
-    QFile::setPermissions(scriptPath, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
-                                          | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
-                                          | QFileDevice::ExeOther);
+    QFile::setPermissions(scriptPath,
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                              | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
+                              | QFileDevice::ExeOther);
     return true;
 }
 

@@ -37,8 +37,8 @@ struct InstallJobInputs
 using InstallReport = std::function<void(const QString &message, int phase, bool error)>;
 
 enum class JobEnd {
-    Reported,     // the outcome is in the reports; the run goes on to its end
-    QuitForSwap,  // automatic mode: the swap script waits for this process to go
+    Reported, // the outcome is in the reports; the run goes on to its end
+    QuitForSwap, // automatic mode: the swap script waits for this process to go
 };
 
 // Verifies, extracts, chooses the source root and hands over, in that order;

@@ -69,8 +69,8 @@ InstallLocation findInstallLocation(const QStringList &arguments, const QString 
 
     // A copy Gatekeeper moved, a mounted disk image or a temporary folder is
     // left where it is; the real installation goes to /Applications.
-    static const char *const foreign[] = {"/AppTranslocation/", "/private/var/folders/", "/var/folders/",
-                                          "/TemporaryItems/"};
+    static const char *const foreign[]
+        = {"/AppTranslocation/", "/private/var/folders/", "/var/folders/", "/TemporaryItems/"};
     for (const char *marker : foreign) {
         if (bundle.contains(QLatin1String(marker)))
             return {canonicalApp, {}};

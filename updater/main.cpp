@@ -42,8 +42,8 @@ int main(int argc, char *argv[])
         return 0;
     }
 
-    const RunFlags flags = readRunFlags(QCoreApplication::arguments(),
-                                        [] { return QSystemTrayIcon::isSystemTrayAvailable(); });
+    const RunFlags flags
+        = readRunFlags(QCoreApplication::arguments(), [] { return QSystemTrayIcon::isSystemTrayAvailable(); });
 
     auto *checkWatchdog = new QTimer(app);
     checkWatchdog->setSingleShot(true);

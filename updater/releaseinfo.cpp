@@ -76,8 +76,8 @@ PackageChoice choosePackage(const QJsonObject &record, const QString &cpuArchite
     const QString intelSha = QStringLiteral("sha256_macos_x86_64");
 
     const bool arm = cpuArchitecture.contains(QLatin1String("arm"));
-    const PackageChoice native = arm ? readPackage(record, arm64Url, arm64Sha)
-                                     : readPackage(record, intelUrl, intelSha);
+    const PackageChoice native
+        = arm ? readPackage(record, arm64Url, arm64Sha) : readPackage(record, intelUrl, intelSha);
     if (isComplete(native))
         return native;
 

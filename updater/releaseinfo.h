@@ -50,8 +50,7 @@ PackageChoice choosePackage(const QJsonObject &record,
 // The evaluation from the reply's bytes on: the seam that tests and fuzzers
 // drive without a network. The installed version is asked for only once the
 // release's own version has been found valid, as the real run does.
-Verdict evaluateReleaseBody(const QByteArray &body,
-                            const std::function<QString()> &installed,
+Verdict evaluateReleaseBody(const QByteArray &body, const std::function<QString()> &installed,
                             const QString &cpuArchitecture = QSysInfo::currentCpuArchitecture());
 
 void evaluateRelease(QNetworkReply *reply, const UpdateCallback &callback);

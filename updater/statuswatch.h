@@ -8,7 +8,7 @@ enum class SwapVerdict {
     Undecided, // no file yet, an empty one, or a word the script never writes
     Installed, // "ok", or "defer" (an interactive script never defers; if it
                // did, the installed bundle is intact, which is all that counts)
-    Failed,    // anything beginning with "fail"
+    Failed, // anything beginning with "fail"
 };
 
 SwapVerdict swapVerdict(const QByteArray &statusContent);

@@ -52,14 +52,12 @@ void UpdateChecker::checkForUpdate(UpdateCallback callback)
     request.setRawHeader("Authorization", "Bearer " + key);
     // A redirect may move the service, but never onto plain HTTP, where the
     // key would travel in clear.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         int(QNetworkRequest::NoLessSafeRedirectPolicy));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, int(QNetworkRequest::NoLessSafeRedirectPolicy));
 
     QNetworkReply *reply = manager->get(request);
     // The checker as context: once it is gone, the answer is never delivered.
-    connect(reply, &QNetworkReply::finished, this,
-            [checker = this, reply, callback = std::move(callback)] {
-                Q_UNUSED(checker);
-                evaluateRelease(reply, callback);
-            });
+    connect(reply, &QNetworkReply::finished, this, [checker = this, reply, callback = std::move(callback)] {
+        Q_UNUSED(checker);
+        evaluateRelease(reply, callback);
+    });
 }

@@ -54,8 +54,7 @@ QIcon trayIconFor(const QString &applicationDir)
     return QApplication::style()->standardIcon(QStyle::SP_ArrowUp);
 }
 
-void UpdateTrayIcon::notify(const QString &title, const QString &body, QSystemTrayIcon::MessageIcon icon,
-                            int msecs)
+void UpdateTrayIcon::notify(const QString &title, const QString &body, QSystemTrayIcon::MessageIcon icon, int msecs)
 {
     showMessage(title, body, icon, msecs);
     m_notices.append({title, body, icon, msecs});
@@ -141,10 +140,8 @@ void handleUpdateOutcome(QApplication *app, QTimer *checkWatchdog, const RunFlag
         // happens; an ordinary or background run that finds nothing ends
         // quietly. The check watchdog stays armed behind the box.
         if (flags.forceMode && !flags.autoMode) {
-            const QString text =
-                info.message.isEmpty() ? translate("upd_no_update_or_pkg") : info.message;
-            QMessageBox::information(nullptr, QStringLiteral("Velmora"), text, QMessageBox::Ok,
-                                     QMessageBox::NoButton);
+            const QString text = info.message.isEmpty() ? translate("upd_no_update_or_pkg") : info.message;
+            QMessageBox::information(nullptr, QStringLiteral("Velmora"), text, QMessageBox::Ok, QMessageBox::NoButton);
         }
         QCoreApplication::quit();
         return;

@@ -20,13 +20,13 @@ PackageCheck checkPackage(const InstallJobInputs &inputs)
 {
     if (!inputs.requireSignature)
         return packageMatchesDigest(inputs.packagePath, inputs.expectedSha256) ? PackageCheck::Verified
-                                                                                : PackageCheck::DigestMismatch;
+                                                                               : PackageCheck::DigestMismatch;
     // One read of the package yields both the digest of the release record
     // and the one a prehashed signature covers.
     const PackageDigests digests = digestPackage(inputs.packagePath);
     if (!digests.ok || QString::fromLatin1(digests.sha256.toHex()) != inputs.expectedSha256)
         return PackageCheck::DigestMismatch;
-    const SignatureVerdict verdict = verifyPackageSignature(inputs.signature, inputs.signingKeys, inputs.packagePath,
-                                                            digests, inputs.version);
+    const SignatureVerdict verdict
+        = verifyPackageSignature(inputs.signature, inputs.signingKeys, inputs.packagePath, digests, inputs.version);
     return verdict == SignatureVerdict::Valid ? PackageCheck::Verified : PackageCheck::SignatureRefused;
 }

@@ -10,7 +10,7 @@ bool packageMatchesDigest(const QString &packagePath, const QString &expectedSha
 
 enum class PackageCheck {
     Verified,
-    DigestMismatch,   // not the file the release record names
+    DigestMismatch, // not the file the release record names
     SignatureRefused, // signatures required, and no valid one for this release
 };
 
