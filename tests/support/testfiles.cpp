@@ -2,7 +2,6 @@
 
 #include <QCryptographicHash>
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -11,12 +10,9 @@ bool writeFile(const QString &path, const QByteArray &content, bool executable)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        return false;
+    const bool written = file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
     file.close();
-    return !executable
-        || file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                               | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+    return written && (!executable || file.setPermissions(file.permissions() | QFile::ExeOwner | QFile::ExeOther));
 }
 
 QByteArray readFile(const QString &path)
@@ -35,6 +31,15 @@ bool makeLayout(const QString &base, const QStringList &layout)
     return true;
 }
 
+bool writeBundle(const QString &path, const QByteArray &version)
+{
+    return writeFile(path + "/Contents/Info.plist",
+                     "<plist><dict><key>CFBundleShortVersionString</key><string>" + version
+                         + "</string></dict></plist>\n")
+        && writeFile(path + "/Contents/MacOS/Velmora", "#!/bin/sh\n", true)
+        && writeFile(path + "/Contents/Resources/version", version);
+}
+
 QByteArray zipFolder(const QString &folder)
 {
     // Found before any test narrows PATH down to its fakes.
@@ -43,9 +48,7 @@ QByteArray zipFolder(const QString &folder)
     QProcess zip;
     zip.setWorkingDirectory(folder);
     zip.start(zipTool, {"-r", "-q", "-y", out.filePath("package.zip"), "."});
-    if (!zip.waitForFinished(30000) || zip.exitCode() != 0)
-        return {};
-    return readFile(out.filePath("package.zip"));
+    return zip.waitForFinished(30000) && zip.exitCode() == 0 ? readFile(out.filePath("package.zip")) : QByteArray();
 }
 
 QByteArray zipLayout(const QStringList &layout)

@@ -16,6 +16,10 @@ QByteArray readFile(const QString &path);
 // folder for an entry that ends in "/".
 bool makeLayout(const QString &base, const QStringList &layout);
 
+// A bundle as the swap script checks it: an executable and an Info.plist
+// holding the short version, which Contents/Resources/version repeats.
+bool writeBundle(const QString &path, const QByteArray &version);
+
 // The zip archive of the folder's contents, made with the zip tool; empty on
 // failure.
 QByteArray zipFolder(const QString &folder);
