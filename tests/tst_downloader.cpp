@@ -146,20 +146,30 @@ private slots:
     void downloadFails_data()
     {
         QTest::addColumn<ScriptedResponse>("response");
-        QTest::addColumn<QString>("mentions"); // in the network layer's error text
-        QTest::newRow("HTTP 404") << ScriptedResponse::error(404) << "Not Found";
+        QTest::addColumn<QString>("mentions"); // in the error text
+        QTest::addColumn<qint64>("limit");
+        QTest::newRow("HTTP 404") << ScriptedResponse::error(404) << "Not Found" << qint64(0);
         QTest::newRow("redirect from HTTPS to HTTP")
-            << ScriptedResponse::redirect("http://127.0.0.1:9/x.zip") << "redirect";
+            << ScriptedResponse::redirect("http://127.0.0.1:9/x.zip") << "redirect" << qint64(0);
+        // An answer without a length that goes on past the limit: the updater
+        // stops it, and that is an error, not the user's cancel.
+        ScriptedResponse endless = ScriptedResponse::ok(QByteArray(3 << 20, 'x'));
+        endless.contentLength = false;
+        QTest::newRow("endless answer past the size limit")
+            << endless << translate("upd_package_too_large").arg(1) << qint64(1 << 20);
     }
 
     void downloadFails()
     {
         QFETCH(ScriptedResponse, response);
         QFETCH(QString, mentions);
+        QFETCH(qint64, limit);
         HttpsTestServer server;
         QVERIFY(server.start());
         server.setResponse("/VelmoraUpdate.zip", response);
         Downloader d("2.0.0", server.url("/VelmoraUpdate.zip").toString(), anyDigest, false);
+        if (limit)
+            d.maxPackageBytes = limit;
         QTRY_VERIFY_WITH_TIMEOUT(d.isFinished(), 15000);
         const QString error = translate("upd_download_error").arg("");
         QVERIFY2(::state(d).startsWith("-1 1 1 ") && d.status().startsWith(error) && d.status().contains(mentions),

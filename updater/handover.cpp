@@ -93,8 +93,14 @@ QByteArray buildSwapScript(const SwapScriptValues &values)
 // moving the installed bundle aside, with nothing put in its place.
 static bool writeScript(const QString &scriptPath, const QByteArray &text)
 {
+    // A link planted at the script's name would have the rename below land on
+    // whatever it points to: the script always becomes a file of its own.
+    if (QFileInfo(scriptPath).isSymLink())
+        QFile::remove(scriptPath);
     QSaveFile script(scriptPath);
-    if (!script.open(QIODevice::WriteOnly | QIODevice::Text))
+    // Unbuffered, so that a full disk fails the write itself: a failed flush
+    // at commit time would still leave the short copy in place.
+    if (!script.open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Unbuffered))
         return false;
     if (script.write(text) != text.size() || !script.commit())
         return false;

@@ -96,7 +96,8 @@ void HttpsTestServer::answer(QTcpSocket *socket, const QByteArray &request)
         + (response.status == 404 ? " Not Found\r\n" : " Status\r\n");
     for (const auto &[name, value] : response.headers)
         head += name + ": " + value + "\r\n";
-    socket->write(head + "Content-Length: " + QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n"
-                  + response.body);
+    if (response.contentLength)
+        head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
+    socket->write(head + "Connection: close\r\n\r\n" + response.body);
     socket->disconnectFromHost();
 }

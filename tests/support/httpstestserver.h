@@ -34,6 +34,7 @@ struct ScriptedResponse
     HeaderList headers;
     QByteArray body;
     bool answered = true; // false: the request is read, and the connection stays silent
+    bool contentLength = true; // false: the body ends with the connection
 
     static ScriptedResponse ok(const QByteArray &body, const QByteArray &contentType = "application/octet-stream")
     {
