@@ -8,6 +8,7 @@
 
 #include "extraction.h"
 #include "handover.h"
+#include "installjob.h"
 #include "localisation.h"
 #include "sandbox.h"
 #include "statuswatch.h"

@@ -1,6 +1,7 @@
 #include "downloader.h"
 
 #include "handover.h"
+#include "installjob.h"
 #include "installlocation.h"
 #include "localisation.h"
 #include "phase.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "installjob.h"
+#include "jobinputs.h"
 
 #include <QElapsedTimer>
 #include <QObject>
