@@ -73,7 +73,8 @@ int main(int argc, char **argv)
 
         clock.restart();
         const PackageDigests digests = digestPackage(package);
-        const SignatureVerdict verdict = verifyPackageSignature(minisig, keys, package, digests, args.at(3));
+        const SignatureVerdict verdict
+            = verifyPackageSignature(minisig, keys, package, digests, packageClaims(args.at(3)));
         signedSeconds.append(clock.nsecsElapsed() / 1e9);
 
         valid = valid && hashed && digests.sha256 == digest && verdict == SignatureVerdict::Valid;

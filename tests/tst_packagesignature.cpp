@@ -114,6 +114,8 @@ void TestPackageSignature::initTestCase()
         {"2.0.1", sign("key1", "package", "version:2.0.1")},
         {"2.0.0.1", sign("key1", "package", "version:2.0.0.1")},
         {"xversion", sign("key1", "package", "xversion:2.0.0")},
+        {"two versions", sign("key1", "package", "version:2.0.0 version:9.9.9")},
+        {"delta", sign("key1", "package", "version:2.0.0 from:1.0.0 kind:delta")},
     };
     for (const QByteArray &signature : std::as_const(m_signatures))
         QVERIFY(!signature.isEmpty());
@@ -156,6 +158,8 @@ void TestPackageSignature::verify_data()
     row("refuses a longer version", "2.0.0.1", "1", "2.0.0", V::WrongVersion);
     row("refuses a version that only starts the same", "key 1", "1", "2.0", V::WrongVersion);
     row("refuses a token that only ends in version:", "xversion", "1", "2.0.0", V::WrongVersion);
+    row("refuses two versions, the right one among them", "two versions", "1", "9.9.9", V::WrongVersion);
+    row("refuses a delta's signature for a package", "delta", "1", "2.0.0", V::WrongVersion);
     row("refuses a trusted comment edited after signing", "comment altered", "1", "2.0.0", V::BadGlobalSignature);
     row("refuses a damaged global signature", "global corrupted", "1", "2.0.0", V::BadGlobalSignature);
     row("refuses carriage returns", "crlf", "1", "2.0.0", V::Malformed);
@@ -173,7 +177,7 @@ void TestPackageSignature::verify()
 
     QVERIFY(m_signatures.contains(signature));
     QCOMPARE(verifyPackageSignature(m_signatures.value(signature), this->keys(keys), m_dir.filePath("package"),
-                                    m_digests, expectedVersion),
+                                    m_digests, packageClaims(expectedVersion)),
              verdict);
 }
 

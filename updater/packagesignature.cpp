@@ -82,14 +82,30 @@ std::optional<SignatureFile> parseSignatureFile(const QByteArray &text)
     return file;
 }
 
-bool namesVersion(const QByteArray &trustedComment, const QString &version)
+bool makesClaims(const QByteArray &trustedComment, const TrustedClaims &claims)
 {
-    if (version.isEmpty())
-        return false;
-    return trustedComment.simplified().split(' ').contains("version:" + version.toUtf8());
+    const QList<QByteArray> tokens = trustedComment.simplified().split(' ');
+    for (const auto &[name, value] : claims) {
+        const QByteArray prefix = name + ':';
+        QList<QByteArray> found;
+        for (const QByteArray &token : tokens) {
+            if (token.startsWith(prefix))
+                found << token.mid(prefix.size());
+        }
+        const bool holds = value.isEmpty() ? found.isEmpty() : found == QList<QByteArray>{value.toUtf8()};
+        if (!holds)
+            return false;
+    }
+    return true;
 }
 
 } // namespace
+
+TrustedClaims packageClaims(const QString &version)
+{
+    // An empty version would make "version:" optional; nothing is signed for no release.
+    return {{"version", version.isEmpty() ? QStringLiteral(" ") : version}, {"kind", {}}, {"from", {}}};
+}
 
 bool parseSigningKeys(const QByteArray &text, QList<SigningKey> *keys, QString *error)
 {
@@ -182,7 +198,7 @@ PackageDigests digestPackage(const QString &path)
 
 SignatureVerdict verifyPackageSignature(const QByteArray &minisig, const QList<SigningKey> &keys,
                                         const QString &packagePath, const PackageDigests &digests,
-                                        const QString &expectedVersion)
+                                        const TrustedClaims &claims)
 {
     if (!sodiumReady())
         return SignatureVerdict::BadSignature;
@@ -222,7 +238,7 @@ SignatureVerdict verifyPackageSignature(const QByteArray &minisig, const QList<S
     if (!signatureHolds(signature->globalSignature, reinterpret_cast<const uchar *>(signedComment.constData()),
                         signedComment.size(), key->publicKey))
         return SignatureVerdict::BadGlobalSignature;
-    if (!namesVersion(signature->trustedComment, expectedVersion))
+    if (!makesClaims(signature->trustedComment, claims))
         return SignatureVerdict::WrongVersion;
     return SignatureVerdict::Valid;
 }

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QPair>
 #include <QString>
 
 // A publisher key: the 8-byte id that a signature names, and the Ed25519
@@ -39,15 +40,23 @@ enum class SignatureVerdict {
     UnknownKey, // signed by a key that is not configured, or no keys at all
     BadSignature, // the package is not what the key signed
     BadGlobalSignature, // the trusted comment is not what the key signed
-    WrongVersion, // authentic, but signed for another release
+    WrongVersion, // authentic, but signed for another release or another kind of file
     UnreadablePackage, // the package or its digests could not be read
 };
 
+// What the signed trusted comment must say: each name exactly once as a
+// "name:value" token with exactly that value; an empty value means the name
+// must not occur at all. A token twice is a refusal even when one of them is
+// right, so that one signature never stands for two releases.
+using TrustedClaims = QList<QPair<QByteArray, QString>>;
+
+// A package: version:<release>, and neither kind: nor from:, so that the
+// signature of a delta never passes for one of a package.
+TrustedClaims packageClaims(const QString &version);
+
 // Checks a .minisig file against the configured keys. digests must come from
 // digestPackage(packagePath): a prehashed signature (the minisign default)
-// uses them; only a legacy signature reads the package again. The trusted
-// comment must hold the token "version:" followed by exactly expectedVersion,
-// so that a signed package of an older release cannot pass for this one.
+// uses them; only a legacy signature reads the file again.
 SignatureVerdict verifyPackageSignature(const QByteArray &minisig, const QList<SigningKey> &keys,
                                         const QString &packagePath, const PackageDigests &digests,
-                                        const QString &expectedVersion);
+                                        const TrustedClaims &claims);

@@ -27,8 +27,13 @@ PackageDigests digestPackage(const QString &path)
     return digests;
 }
 
+TrustedClaims packageClaims(const QString &version)
+{
+    return {{"version", version}};
+}
+
 SignatureVerdict verifyPackageSignature(const QByteArray &, const QList<SigningKey> &, const QString &,
-                                        const PackageDigests &, const QString &)
+                                        const PackageDigests &, const TrustedClaims &)
 {
     return SignatureVerdict::BadSignature;
 }

@@ -26,7 +26,7 @@ PackageCheck checkPackage(const InstallJobInputs &inputs)
     const PackageDigests digests = digestPackage(inputs.packagePath);
     if (!digests.ok || QString::fromLatin1(digests.sha256.toHex()) != inputs.expectedSha256)
         return PackageCheck::DigestMismatch;
-    const SignatureVerdict verdict
-        = verifyPackageSignature(inputs.signature, inputs.signingKeys, inputs.packagePath, digests, inputs.version);
+    const SignatureVerdict verdict = verifyPackageSignature(inputs.signature, inputs.signingKeys, inputs.packagePath,
+                                                            digests, packageClaims(inputs.version));
     return verdict == SignatureVerdict::Valid ? PackageCheck::Verified : PackageCheck::SignatureRefused;
 }
