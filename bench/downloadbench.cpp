@@ -126,11 +126,10 @@ int main(int argc, char **argv)
     }
 
     const QString digest = watch ? QString(64, QLatin1Char('0')) : args.at(1);
-    auto *downloader = new Downloader(QStringLiteral("0.0.0"), url, digest, false, &app);
-    // The limit is read as the data arrives, so setting it before the event
-    // loop runs is in time for the first byte.
+    TransferPolicy policy = Downloader::defaultTransferPolicy();
     if (maxMib)
-        downloader->maxPackageBytes = maxMib * 1024 * 1024;
+        policy.maxBytes = maxMib * 1024 * 1024;
+    auto *downloader = new Downloader(QStringLiteral("0.0.0"), url, digest, false, &app, policy);
 
     if (watch) {
         auto *ticker = new QTimer(&app);

@@ -15,7 +15,11 @@
 #include <QNetworkReply>
 #include <QSignalSpy>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QTest>
+
+#include <algorithm>
+#include <memory>
 
 #include <thread>
 
@@ -28,6 +32,45 @@ static QString state(const Downloader &d)
 
 static const QString anyDigest(64, 'a');
 
+// What a package request meets.
+enum Fault {
+    Proper,
+    Cut,
+    Stall,
+    IgnoreRange,
+    ShiftedRange,
+    GarbledRange,
+    Unsatisfiable,
+    Replaced,
+    ReplacedQuietly,
+    Missing,
+    Redirect,
+    Endless
+};
+struct Attempt
+{
+    Fault fault = Proper;
+    int percent = 0; // where in the package a cut or a stall comes
+};
+Q_DECLARE_METATYPE(QList<Attempt>)
+
+// The shipped rules, on a test's time scale. A short stall bound is only
+// for the rows about stalls: a loaded machine is slow to answer at all.
+static TransferPolicy quickPolicy(qint64 maxBytes, bool shortStalls = false)
+{
+    return {maxBytes, shortStalls ? 1000 : 10000, {20, 20, 20, 20}};
+}
+
+// A zip of noise, which does not compress: its size is the noise's.
+static QByteArray noiseZip(uint seed)
+{
+    QTemporaryDir dir;
+    QByteArray noise(1024 * 1024 + 4097, Qt::Uninitialized);
+    std::generate(noise.begin(), noise.end(),
+                  [n = seed]() mutable { return char((n = n * 1103515245 + 12345) >> 16); });
+    return writeFile(dir.filePath("payload.bin"), noise) ? zipFolder(dir.path()) : QByteArray();
+}
+
 class TestDownloader : public QObject
 {
     Q_OBJECT
@@ -36,6 +79,7 @@ class TestDownloader : public QObject
     QString m_temp = QStandardPaths::writableLocation(QStandardPaths::TempLocation);
     QString m_package = m_temp + "/VelmoraUpdate.zip";
     QUrl m_opened;
+    QByteArray m_packages[2] = {noiseZip(1), noiseZip(2)};
 
 public slots:
     void openUrl(const QUrl &url) { m_opened = url; }
@@ -49,6 +93,7 @@ private slots:
         qputenv("PATH", QFile::encodeName(m_temp + "/bin:" VELMORA_TEST_SOURCE_DIR "/fakes/bin:") + qgetenv("PATH"));
         qputenv("FAKE_LOG", QFile::encodeName(m_temp + "/fake.log"));
         qputenv("FAKE_STATE", QFile::encodeName(m_temp));
+        QVERIFY(!m_packages[0].isEmpty() && m_packages[0].size() == m_packages[1].size());
     }
 
     void startsOrRefuses_data()
@@ -143,44 +188,161 @@ private slots:
         QCOMPARE(seen + d.status(), shown);
     }
 
-    void downloadFails_data()
+    // One package request after another meets the next of these; past the
+    // list, a proper file server. The package is a zip without a bundle, so
+    // a download that completes and verifies ends in "not found".
+    void survivesMisbehavingServers_data()
     {
-        QTest::addColumn<ScriptedResponse>("response");
-        QTest::addColumn<QString>("mentions"); // in the error text
-        QTest::addColumn<qint64>("limit");
-        QTest::newRow("HTTP 404") << ScriptedResponse::error(404) << "Not Found" << qint64(0);
-        QTest::newRow("redirect from HTTPS to HTTP")
-            << ScriptedResponse::redirect("http://127.0.0.1:9/x.zip") << "redirect" << qint64(0);
+        QTest::addColumn<QList<Attempt>>("attempts");
+        QTest::addColumn<int>("digestOf"); // the package the record names: 0 the first, 1 its replacement, -1 neither
+        QTest::addColumn<QString>("outcome"); // the status's key, then what it mentions
+        QTest::addColumn<int>("sentPercent"); // body bytes the server sent, in percent of the package; -1: any
+
+        const QString verified = "upd_app_not_found", error = "upd_download_error";
+        const auto row = [](const char *name, QList<Attempt> attempts, int digestOf, const QString &outcome,
+                            int sentPercent) { QTest::newRow(name) << attempts << digestOf << outcome << sentPercent; };
+        row("a cut at 40 % costs the other 60 %", {{Cut, 40}}, 0, verified, 100);
+        row("a stall at 30 % is tried again", {{Stall, 30}}, 0, verified, 100);
+        row("a server that ignores ranges sends it whole", {{Cut, 40}, {IgnoreRange}}, 0, verified, 140);
+        row("a file replaced on the server comes whole", {{Cut, 40}, {Replaced}}, 1, verified, 140);
+        row("a range that starts elsewhere: once more from zero", {{Cut, 40}, {ShiftedRange}}, 0, verified, -1);
+        row("an unreadable Content-Range: once more from zero", {{Cut, 40}, {GarbledRange}}, 0, verified, -1);
+        row("416: once more from zero", {{Cut, 40}, {Unsatisfiable}}, 0, verified, 140);
+        row("ranges wrong twice", {{Cut, 40}, {ShiftedRange}, {ShiftedRange}}, 0, error, -1);
+        row("a spliced file that fails its digest comes again whole", {{Cut, 40}, {ReplacedQuietly}}, 1, verified, 200);
+        row("a second mismatch is the verification failure", {{Cut, 40}}, -1, "upd_verify_failed", 200);
+        row("attempts spent: interrupted, the part kept", QList<Attempt>(5, {Stall, 10}), 0,
+            "upd_download_interrupted " + translate("upd_download_stalled").arg(1), 10);
+        row("HTTP 404 on the retry", {{Cut, 40}, {Missing}}, 0, error + " Not Found", -1);
+        row("a redirect from HTTPS to HTTP", {{Redirect}}, 0, error + " redirect", 0);
         // An answer without a length that goes on past the limit: the updater
         // stops it, and that is an error, not the user's cancel.
-        ScriptedResponse endless = ScriptedResponse::ok(QByteArray(3 << 20, 'x'));
-        endless.contentLength = false;
-        QTest::newRow("endless answer past the size limit")
-            << endless << translate("upd_package_too_large").arg(1) << qint64(1 << 20);
+        row("endless past the size limit", {{Endless}}, 0, error + ' ' + translate("upd_package_too_large").arg(2), -1);
     }
 
-    void downloadFails()
+    void survivesMisbehavingServers()
     {
-        QFETCH(ScriptedResponse, response);
-        QFETCH(QString, mentions);
-        QFETCH(qint64, limit);
+        QFETCH(QList<Attempt>, attempts);
+        QFETCH(int, digestOf);
+        QFETCH(QString, outcome);
+        QFETCH(int, sentPercent);
         HttpsTestServer server;
         QVERIFY(server.start());
-        server.setResponse("/VelmoraUpdate.zip", response);
-        Downloader d("2.0.0", server.url("/VelmoraUpdate.zip").toString(), anyDigest, false);
-        if (limit)
-            d.maxPackageBytes = limit;
-        QTRY_VERIFY_WITH_TIMEOUT(d.isFinished(), 15000);
-        const QString error = translate("upd_download_error").arg("");
-        QVERIFY2(::state(d).startsWith("-1 1 1 ") && d.status().startsWith(error) && d.status().contains(mentions),
+        const qint64 size = m_packages[0].size();
+        QByteArray body = m_packages[0], etag = "\"one\"";
+        int served = 0;
+        server.setHandler("/VelmoraUpdate.zip", [&](const RecordedRequest &request) {
+            const Attempt attempt = attempts.value(served++);
+            if (attempt.fault == Replaced || attempt.fault == ReplacedQuietly) {
+                body = m_packages[1];
+                etag = attempt.fault == Replaced ? "\"two\"" : etag;
+            }
+            ScriptedResponse answer = ScriptedResponse::file(request, body, etag);
+            const qint64 first = body.size() - answer.body.size(), stop = size * attempt.percent / 100 - first;
+            const QByteArray wrongFirst = QByteArray::number(first + 1);
+            switch (attempt.fault) {
+            case Cut:
+                answer.cutAfter = qMax<qint64>(0, stop);
+                break;
+            case Stall:
+                answer.stallAfter = qMax<qint64>(0, stop);
+                break;
+            case IgnoreRange:
+                return ScriptedResponse::ok(body);
+            case ShiftedRange:
+                return ScriptedResponse{
+                    206,
+                    {{"Content-Range",
+                      "bytes " + wrongFirst + "-" + QByteArray::number(size - 1) + "/" + QByteArray::number(size)}},
+                    body.mid(first + 1)};
+            case GarbledRange:
+                answer.headers = {{"Content-Range", "bytes " + QByteArray::number(first) + "-end/all"}};
+                break;
+            case Unsatisfiable:
+                return ScriptedResponse{416, {}, {}};
+            case Missing:
+                return ScriptedResponse::error(404);
+            case Redirect:
+                return ScriptedResponse::redirect("http://127.0.0.1:9/x.zip");
+            case Endless:
+                answer = ScriptedResponse::ok(QByteArray(3 * size, 'x'));
+                answer.contentLength = false;
+                break;
+            default:
+                break;
+            }
+            return answer;
+        });
+        const QString digest = digestOf < 0 ? QString(64, '0') : sha256Hex(m_packages[digestOf]);
+        const bool stalls = std::any_of(attempts.cbegin(), attempts.cend(), [](Attempt a) { return a.fault == Stall; });
+        Downloader d("2.0.0", server.url("/VelmoraUpdate.zip").toString(), digest, false, nullptr,
+                     quickPolicy(2 * size, stalls));
+        QTRY_VERIFY_WITH_TIMEOUT(d.isFinished(), 20000);
+
+        const QString key = outcome.section(' ', 0, 0), mentions = outcome.section(' ', 1);
+        QVERIFY2(::state(d).startsWith("-1 1 1 ")
+                     && d.status().startsWith(translate(key.toLatin1()).section("%1", 0, 0))
+                     && d.status().contains(mentions),
                  qPrintable(::state(d)));
-        QVERIFY(!QFile::exists(m_package));
-        // The package host sees one plain GET: no key of the release service.
-        QCOMPARE(server.requests().size(), 1);
-        const RecordedRequest request = server.requests().first();
-        QCOMPARE(request.method + ' ' + request.target, QByteArray("GET /VelmoraUpdate.zip"));
-        QCOMPARE(request.header("User-Agent"), QByteArray("Mozilla/5.0 VelmoraUpdater/1.0"));
-        QCOMPARE(request.header("apikey") + request.header("Authorization"), QByteArray());
+        qint64 sent = 0;
+        for (const RecordedRequest &request : server.requests()) {
+            sent += request.bodySent;
+            // The package host sees plain GETs: no key of the release service,
+            // and never a compressed answer.
+            QCOMPARE(request.method + ' ' + request.target, QByteArray("GET /VelmoraUpdate.zip"));
+            QCOMPARE(request.header("User-Agent") + ' ' + request.header("Accept-Encoding"),
+                     QByteArray("Mozilla/5.0 VelmoraUpdater/1.0 identity"));
+            QCOMPARE(request.header("apikey") + request.header("Authorization"), QByteArray());
+        }
+        QVERIFY(server.requests().first().header("Range").isEmpty());
+        // A byte either way for each piece the percentages cut.
+        QVERIFY2(sentPercent < 0 || qAbs(sent - size * sentPercent / 100) <= 3, qPrintable(QString::number(sent)));
+        // Only an interrupted download leaves its part for the next run.
+        QCOMPARE(QFile::exists(m_package), key == "upd_download_interrupted");
+        QFile::remove(m_package);
+        QFile::remove(m_package + ".partial");
+    }
+
+    void resumesOnlyTheSameRelease_data()
+    {
+        QTest::addColumn<QString>("secondVersion");
+        QTest::addColumn<int>("sentPercent");
+        QTest::newRow("the same release continues where the last run stopped") << "2.0.0" << 100;
+        QTest::newRow("another release starts afresh") << "2.0.1" << 140;
+    }
+
+    // The first run is cut at 40 % on every attempt and gives up; the second
+    // meets a proper server.
+    void resumesOnlyTheSameRelease()
+    {
+        QFETCH(QString, secondVersion);
+        QFETCH(int, sentPercent);
+        HttpsTestServer server;
+        QVERIFY(server.start());
+        const QByteArray package = m_packages[0];
+        server.setHandler("/VelmoraUpdate.zip", [&](const RecordedRequest &request) {
+            ScriptedResponse answer = ScriptedResponse::file(request, package, "\"one\"");
+            if (server.requests().size() <= 5)
+                answer.cutAfter = qMax<qint64>(0, package.size() * 4 / 10 - (package.size() - answer.body.size()));
+            return answer;
+        });
+        const QString url = server.url("/VelmoraUpdate.zip").toString(), digest = sha256Hex(package);
+        auto first
+            = std::make_unique<Downloader>("2.0.0", url, digest, false, nullptr, quickPolicy(2 * package.size()));
+        QTRY_VERIFY_WITH_TIMEOUT(first->isFinished(), 20000);
+        QVERIFY2(first->status().startsWith(translate("upd_download_interrupted").section("%1", 0, 0)),
+                 qPrintable(first->status()));
+        first.reset();
+
+        Downloader second(secondVersion, url, digest, false, nullptr, quickPolicy(2 * package.size()));
+        QTRY_VERIFY_WITH_TIMEOUT(second.isFinished(), 20000);
+        QCOMPARE(second.status(), translate("upd_app_not_found"));
+        qint64 sent = 0;
+        for (const RecordedRequest &request : server.requests())
+            sent += request.bodySent;
+        QVERIFY2(qAbs(sent - package.size() * sentPercent / 100) <= 3, qPrintable(QString::number(sent)));
+        QCOMPARE(server.requests().at(5).header("If-Range"), QByteArray(sentPercent == 100 ? "\"one\"" : ""));
+        QVERIFY(!QFile::exists(m_package) && !QFile::exists(m_package + ".partial"));
     }
 
     // ditto holds the job until the test lets it go, then unpacks nothing, so

@@ -14,8 +14,6 @@
 #include <QFileInfo>
 #include <QFutureWatcher>
 #include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QThreadPool>
@@ -23,32 +21,23 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 static constexpr int progressThrottleMs = 100;
-static constexpr int transferTimeoutMs = 120000;
 static constexpr double bytesPerMegabyte = 1048576.0;
-static constexpr int maxSignatureBytes = 64 * 1024;
+static constexpr qint64 maxSignatureBytes = 64 * 1024;
 
-// The package and its signature travel under the same rules: never from
-// HTTPS to HTTP, no key of the release service, a bound on silence.
-static QNetworkRequest packageRequest(const QString &url)
+TransferPolicy Downloader::defaultTransferPolicy()
 {
-    QNetworkRequest request{QUrl(url)};
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Mozilla/5.0 VelmoraUpdater/1.0"));
-    request.setTransferTimeout(transferTimeoutMs);
-    // Over HTTP/2, Qt's network thread keeps reading whatever the server
-    // sends, whatever the read buffer bound says: memory would grow with the
-    // package. HTTP/1.1 honours the bound, and every server speaks it.
-    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
-    return request;
+    TransferPolicy policy;
+    policy.maxBytes = qint64(VELMORA_MAX_PACKAGE_MIB) * 1024 * 1024;
+    return policy;
 }
 
 Downloader::Downloader(const QString &version, const QString &url, const QString &sha256, bool packageFlag,
-                       QObject *parent)
+                       QObject *parent, const TransferPolicy &policy)
     : QObject(parent)
-    , maxPackageBytes(qint64(VELMORA_MAX_PACKAGE_MIB) * 1024 * 1024)
     , m_downloadUrl(url)
     , m_version(version)
     , m_expectedSha256(sha256.trimmed().toLower())
+    , m_policy(policy)
 {
     // The flag belongs to the other platform's installer package; this
     // updater always fetches the zip.
@@ -63,11 +52,13 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
     if (requireSignature)
         parseSigningKeys(keys, &signingKeys, nullptr);
 
-    m_packageFilePath = QStandardPaths::writableLocation(QStandardPaths::TempLocation)
+    const QString tempLocation = QStandardPaths::writableLocation(QStandardPaths::TempLocation);
+    m_packageFilePath = tempLocation
         + (m_installerPackage ? QStringLiteral("/VelmoraLabs-Setup.exe") : QStringLiteral("/VelmoraUpdate.zip"));
     m_arguments = QCoreApplication::arguments();
     m_applicationDir = QCoreApplication::applicationDirPath();
-    m_installDir = QFileInfo(findInstallLocation(m_arguments, m_applicationDir).dstApp).absolutePath();
+    const InstallLocation location = findInstallLocation(m_arguments, m_applicationDir);
+    m_installDir = QFileInfo(location.dstApp).absolutePath();
 
     // Refused before anything touches the disk or the network, so a bad
     // release record cannot leave a file behind or leak a request.
@@ -79,36 +70,43 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
         fail(translate("upd_sha_missing_keep"));
         return;
     }
-
-    m_file = new QFile(m_packageFilePath, this);
-    if (!m_file->open(QIODevice::WriteOnly)) {
-        fail(translate("upd_file_create_failed").arg(m_packageFilePath));
+    // A package that could never be installed is not worth downloading: a
+    // standard user cannot change /Applications, and the next automatic
+    // check would fetch the whole package again to fail the same way.
+    const QString readOnly = unchangeableInstallPlace(location.dstApp);
+    if (!readOnly.isEmpty()) {
+        fail(translate("upd_install_place_read_only").arg(readOnly));
         return;
     }
-
-    setPhase(Phase::Connecting);
-    setStatus(translate("upd_connecting"));
-
-    m_throttle.start();
-    m_reply = m_manager->get(packageRequest(m_downloadUrl));
-    // Without a bound, the network thread reads ahead of the GUI thread and
-    // hands over hundreds of megabytes at once: memory then grows with the
-    // package and the window stalls while one huge block is written.
-    m_reply->setReadBufferSize(1024 * 1024);
-    connect(m_reply, &QIODevice::readyRead, this, &Downloader::onReadyRead);
-    connect(m_reply, &QNetworkReply::downloadProgress, this, &Downloader::onDownloadProgress);
-    connect(m_reply, &QNetworkReply::finished, this, &Downloader::onDownloadFinished);
+    // One installation at a time: the earlier script may still be moving
+    // bundles, and this run would pull its staged source away.
+    if (earlierSwapScriptRunning(tempLocation)) {
+        fail(translate("upd_install_busy"));
+        return;
+    }
+    if (!startDownload())
+        fail(translate("upd_file_create_failed").arg(m_packageFilePath));
 }
 
 Downloader::~Downloader()
 {
-    if (m_reply) {
-        // No handler may run on a half-destroyed object while the abort unwinds.
-        disconnect(m_reply, nullptr, nullptr, nullptr);
-        m_reply->abort();
-    }
-    if (m_file)
-        m_file->close();
+    // Before the network manager, whose going takes the reply with it.
+    delete m_transfer;
+}
+
+// The package, continuing a part an earlier run left of this very release.
+bool Downloader::startDownload()
+{
+    m_transfer = new Transfer(m_manager, m_downloadUrl, m_packageFilePath, m_policy, this);
+    if (!m_transfer->open(m_packageFilePath + QStringLiteral(".partial"), {m_downloadUrl, m_expectedSha256, m_version}))
+        return false;
+    setPhase(Phase::Connecting);
+    setStatus(translate("upd_connecting"));
+    connect(m_transfer, &Transfer::progress, this, &Downloader::onDownloadProgress);
+    connect(m_transfer, &Transfer::finished, this, &Downloader::onDownloadFinished);
+    m_throttle.start();
+    m_transfer->start();
+    return true;
 }
 
 void Downloader::fail(const QString &message)
@@ -119,33 +117,16 @@ void Downloader::fail(const QString &message)
     setIsFinished(true);
 }
 
-void Downloader::onReadyRead()
+void Downloader::failDownload(const QString &message)
 {
-    if (!m_reply || !m_file || !m_file->isOpen())
-        return;
-    const QByteArray data = m_reply->readAll();
-    m_received += data.size();
-    // A server that sends without end must not fill the disk: the download
-    // stops at the announced length or the size limit, whichever is smaller.
-    const qint64 announced = m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
-    if (announced > maxPackageBytes || m_received > maxPackageBytes)
-        m_stopReason = translate("upd_package_too_large").arg(maxPackageBytes / qint64(bytesPerMegabyte));
-    else if (announced > 0 && m_received > announced)
-        m_stopReason
-            = translate("upd_package_longer_than_announced").arg(formatDecimal(announced / bytesPerMegabyte, 1));
-    if (!m_stopReason.isEmpty()) {
-        m_reply->abort();
-        return;
-    }
-    m_file->write(data);
+    setHasError(true);
+    setPhase(Phase::Failed);
+    setStatus(message);
+    setIsFinished(true);
 }
 
 void Downloader::onDownloadProgress(qint64 received, qint64 total)
 {
-    // Once the updater has stopped the download, Qt's closing report would
-    // show a full bar beside the error.
-    if (!m_stopReason.isEmpty())
-        return;
     if (m_phase <= Phase::Connecting)
         setPhase(Phase::Downloading);
 
@@ -162,77 +143,68 @@ void Downloader::onDownloadProgress(qint64 received, qint64 total)
     setStatus(QStringLiteral("%1 MB / %2 MB").arg(receivedMb, formatDecimal(total / bytesPerMegabyte, 1)));
 }
 
-void Downloader::onDownloadFinished()
+void Downloader::onDownloadFinished(TransferEnd end)
 {
-    if (!m_reply)
-        return;
-    if (m_file && m_file->isOpen())
-        m_file->close();
-
-    QNetworkReply *reply = m_reply;
-    m_reply = nullptr;
-    reply->deleteLater();
-
-    if (reply->error() == QNetworkReply::NoError) {
+    Transfer *transfer = m_transfer;
+    m_transfer = nullptr;
+    transfer->deleteLater();
+    switch (end) {
+    case TransferEnd::Complete:
+        m_packageDownloaded = true;
+        m_packageResumed = transfer->resumed();
         setProgress(100);
         if (requireSignature)
             fetchSignature();
         else
             startInstall();
         return;
-    }
-    if (m_file)
-        m_file->remove();
-    // A stop of the updater's own is a failure, never the user's cancel.
-    if (reply->error() == QNetworkReply::OperationCanceledError && m_stopReason.isEmpty()) {
+    case TransferEnd::Cancelled:
         emit done();
         return;
+    case TransferEnd::Failed:
+        // A stop of the updater's own (the size limit) is a failure, never the user's cancel.
+        failDownload(translate("upd_download_error").arg(transfer->failure()));
+        return;
+    case TransferEnd::Interrupted:
+        // What arrived stays for the next run, which continues from there.
+        failDownload(translate("upd_download_interrupted").arg(transfer->failure()));
+        return;
     }
-    setHasError(true);
-    setPhase(Phase::Failed);
-    setStatus(translate("upd_download_error").arg(m_stopReason.isEmpty() ? reply->errorString() : m_stopReason));
-    setIsFinished(true);
 }
 
 void Downloader::fetchSignature()
 {
-    m_reply = m_manager->get(packageRequest(m_downloadUrl + QStringLiteral(".minisig")));
-    m_reply->setReadBufferSize(maxSignatureBytes + 1);
-    connect(m_reply, &QIODevice::readyRead, this, &Downloader::onSignatureReadyRead);
-    connect(m_reply, &QNetworkReply::finished, this, &Downloader::onSignatureFinished);
-}
-
-void Downloader::onSignatureReadyRead()
-{
-    if (!m_reply)
-        return;
-    m_signature += m_reply->readAll();
     // A signature is a few hundred bytes; anything larger is not one, and is
     // not worth the disk or the memory.
-    if (m_signature.size() > maxSignatureBytes) {
-        m_signatureRefused = true;
-        m_reply->abort();
-    }
+    TransferPolicy policy = m_policy;
+    policy.maxBytes = maxSignatureBytes;
+    m_transfer = new Transfer(m_manager, m_downloadUrl + QStringLiteral(".minisig"),
+                              m_packageFilePath + QStringLiteral(".minisig"), policy, this);
+    connect(m_transfer, &Transfer::finished, this, &Downloader::onSignatureFinished);
+    if (m_transfer->open())
+        m_transfer->start();
+    else
+        onSignatureFinished(TransferEnd::Failed);
 }
 
-void Downloader::onSignatureFinished()
+void Downloader::onSignatureFinished(TransferEnd end)
 {
-    if (!m_reply)
-        return;
-    QNetworkReply *reply = m_reply;
-    m_reply = nullptr;
-    reply->deleteLater();
-
-    if (reply->error() == QNetworkReply::OperationCanceledError && !m_signatureRefused) {
-        if (m_file)
-            m_file->remove();
+    Transfer *transfer = m_transfer;
+    m_transfer = nullptr;
+    transfer->deleteLater();
+    const QString path = m_packageFilePath + QStringLiteral(".minisig");
+    if (end == TransferEnd::Cancelled) {
+        QFile::remove(m_packageFilePath);
         emit done();
         return;
     }
     // Any failure to fetch it leaves no signature, which the worker refuses
     // once it has read the package: never a silent skip.
-    if (reply->error() != QNetworkReply::NoError || m_signatureRefused)
-        m_signature.clear();
+    QFile signature(path);
+    m_signature
+        = end == TransferEnd::Complete && signature.open(QIODevice::ReadOnly) ? signature.readAll() : QByteArray();
+    signature.close();
+    QFile::remove(path);
     startInstall();
 }
 
@@ -280,6 +252,7 @@ InstallJobInputs Downloader::jobInputs() const
     inputs.requireSignature = requireSignature;
     inputs.signingKeys = signingKeys;
     inputs.signature = m_signature;
+    inputs.packageResumed = m_packageResumed;
     return inputs;
 }
 
@@ -293,6 +266,21 @@ void Downloader::endJob(JobEnd end)
     if (end == JobEnd::QuitForSwap)
         QMetaObject::invokeMethod(
             this, [this] { emit done(); }, Qt::QueuedConnection);
+    else if (end == JobEnd::DownloadAgain)
+        QMetaObject::invokeMethod(
+            this, [this] { downloadAgain(); }, Qt::QueuedConnection);
+}
+
+// A package continued from a kept part did not match its digest: the part
+// may have come from a file since replaced. It is fetched once more, whole;
+// a second mismatch is the plain verification failure.
+void Downloader::downloadAgain()
+{
+    m_packageDownloaded = false;
+    m_packageResumed = false;
+    QFile::remove(m_packageFilePath + QStringLiteral(".partial"));
+    if (!startDownload())
+        failDownload(translate("upd_file_create_failed").arg(m_packageFilePath));
 }
 
 bool Downloader::verifyChecksum()
@@ -316,6 +304,9 @@ void Downloader::onInstallWorkerFinished()
         m_installWatcher->deleteLater();
         m_installWatcher = nullptr;
     }
+    // The job handed the run back to a new download.
+    if (m_transfer)
+        return;
     if (!m_hasError) {
         setPhase(Phase::Done);
         setStatus(translate("upd_install_done"));
@@ -326,15 +317,13 @@ void Downloader::onInstallWorkerFinished()
 
 void Downloader::cancel()
 {
-    if (m_reply) {
+    if (m_transfer) {
         // The finished handler takes the cancelled path and emits done.
-        m_reply->abort();
+        m_transfer->cancel();
         return;
     }
-    if (m_file) {
-        m_file->close();
-        m_file->remove();
-    }
+    if (m_packageDownloaded)
+        QFile::remove(m_packageFilePath);
     emit done();
 }
 

@@ -1,16 +1,15 @@
 #pragma once
 
 #include "jobinputs.h"
+#include "transfer.h"
 
 #include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 
-class QFile;
 class QFutureWatcherBase;
 class QNetworkAccessManager;
-class QNetworkReply;
 
 class Downloader : public QObject
 {
@@ -23,8 +22,10 @@ class Downloader : public QObject
     Q_PROPERTY(QString version READ version CONSTANT)
 
 public:
+    // policy: how the package's transfer copes with a misbehaving network;
+    // the deployment's size limit and the shipped timings unless a test says otherwise.
     Downloader(const QString &version, const QString &url, const QString &sha256, bool packageFlag,
-               QObject *parent = nullptr);
+               QObject *parent = nullptr, const TransferPolicy &policy = defaultTransferPolicy());
     ~Downloader() override;
 
     int progress() const { return m_progress; }
@@ -35,6 +36,7 @@ public:
     QString version() const { return m_version; }
 
     QString packageFilePath() const { return m_packageFilePath; }
+    static TransferPolicy defaultTransferPolicy();
 
     void startInstall();
     void postState(const QString &message, int phase, bool error);
@@ -56,8 +58,6 @@ public:
     // Fixed before the download ends; a test may set other keys.
     bool requireSignature = false;
     QList<SigningKey> signingKeys;
-    // The most a package may be, in bytes: the deployment's limit.
-    qint64 maxPackageBytes;
 
 signals:
     void progressChanged();
@@ -74,13 +74,13 @@ public slots:
     void close();
 
 private:
-    void onReadyRead();
+    bool startDownload();
     void onDownloadProgress(qint64 received, qint64 total);
-    void onDownloadFinished();
+    void onDownloadFinished(TransferEnd end);
     void onInstallWorkerFinished();
     void fetchSignature();
-    void onSignatureReadyRead();
-    void onSignatureFinished();
+    void onSignatureFinished(TransferEnd end);
+    void downloadAgain();
     void applyState(const QString &message, int phase, bool error);
     InstallJobInputs jobInputs() const;
     InstallReport reporter();
@@ -92,6 +92,7 @@ private:
     void setHasError(bool error);
     void setPhase(int phase);
     void fail(const QString &message);
+    void failDownload(const QString &message);
 
     QString m_downloadUrl;
     QString m_version;
@@ -111,13 +112,13 @@ private:
     bool m_hasError = false;
     bool m_installerPackage = false;
     int m_phase = 0;
+    TransferPolicy m_policy;
     QNetworkAccessManager *m_manager = nullptr;
-    QNetworkReply *m_reply = nullptr;
-    QFile *m_file = nullptr;
+    // The transfer under way (the package, or its signature after it), or null.
+    Transfer *m_transfer = nullptr;
+    bool m_packageDownloaded = false;
+    bool m_packageResumed = false;
     QElapsedTimer m_throttle;
-    qint64 m_received = 0;
-    QString m_stopReason;
     QByteArray m_signature;
-    bool m_signatureRefused = false;
     QFutureWatcherBase *m_installWatcher = nullptr;
 };

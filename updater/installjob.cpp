@@ -13,16 +13,13 @@ JobEnd runInstallJob(const InstallJobInputs &inputs, const InstallReport &report
 {
     const QString tempLocation = QStandardPaths::writableLocation(QStandardPaths::TempLocation);
 
-    // One installation at a time: the earlier script may be moving bundles,
-    // and this run's extraction would pull its staged source away.
-    if (earlierSwapScriptRunning(tempLocation)) {
-        report(translate("upd_install_busy"), Phase::Failed, true);
-        QFile::remove(inputs.packagePath);
-        return JobEnd::Reported;
-    }
-
     report(translate("upd_verifying"), Phase::Unchanged, false);
     const PackageCheck check = checkPackage(inputs);
+    // The kept part may have come from a file the server has since replaced.
+    if (check == PackageCheck::DigestMismatch && inputs.packageResumed) {
+        QFile::remove(inputs.packagePath);
+        return JobEnd::DownloadAgain;
+    }
     if (check != PackageCheck::Verified) {
         report(translate(check == PackageCheck::DigestMismatch ? "upd_verify_failed" : "upd_signature_failed"),
                Phase::Failed, true);

@@ -4,6 +4,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QSettings>
+#include <QTemporaryFile>
 
 static const QString canonicalApp = QStringLiteral("/Applications/Velmora.app");
 
@@ -94,6 +95,35 @@ InstallLocation findInstallLocation(const QStringList &arguments, const QString 
         && name.endsWith(QLatin1String(".app"), Qt::CaseInsensitive))
         return {canonicalApp, bundlePath};
     return {bundlePath, {}};
+}
+
+// Creating and renaming an entry is what the swap does in that folder; trying
+// it is the one test that also answers for access lists, read-only volumes
+// and the sticky bit.
+static bool canCreateAndRename(const QString &folder)
+{
+    QTemporaryFile probe(folder + QStringLiteral("/.VelmoraUpdater-XXXXXX"));
+    if (!probe.open())
+        return false;
+    const QString moved = probe.fileName() + QStringLiteral("-moved");
+    const bool renamed = QFile::rename(probe.fileName(), moved);
+    QFile::remove(moved);
+    return renamed;
+}
+
+QString unchangeableInstallPlace(const QString &dstApp)
+{
+    const QString bundle = dstApp.contains(QLatin1String("/AppTranslocation/")) ? canonicalApp : dstApp;
+    QString folder = QFileInfo(bundle).absolutePath();
+    while (!QFileInfo(folder).isDir() && QFileInfo(folder).absolutePath() != folder)
+        folder = QFileInfo(folder).absolutePath();
+    if (!canCreateAndRename(folder))
+        return folder;
+    // The old bundle is moved aside and then removed.
+    const QFileInfo installed(bundle);
+    if (installed.exists() && !installed.isWritable())
+        return bundle;
+    return {};
 }
 
 QString installedVersion(const QStringList &arguments, const QString &applicationDir)

@@ -20,5 +20,11 @@ QString readInstalledVersion(const QString &bundlePath);
 InstallLocation findInstallLocation(const QStringList &arguments = QCoreApplication::arguments(),
                                     const QString &applicationDir = QCoreApplication::applicationDirPath());
 
+// The folder (or the bundle) that this user cannot change, so that an
+// installation to dstApp could never complete; empty when nothing stands in
+// the way. The swap script's translocation rewrite applies first, and a
+// folder still to be made is judged by the nearest one that exists.
+QString unchangeableInstallPlace(const QString &dstApp);
+
 QString installedVersion(const QStringList &arguments = QCoreApplication::arguments(),
                          const QString &applicationDir = QCoreApplication::applicationDirPath());

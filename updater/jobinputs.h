@@ -34,6 +34,8 @@ struct InstallJobInputs
     bool requireSignature = false;
     QList<SigningKey> signingKeys;
     QByteArray signature;
+    // Part of the package came from an earlier attempt or an earlier run.
+    bool packageResumed = false;
 };
 
 // How the worker reports, with postState's meaning: an empty message leaves
@@ -43,4 +45,5 @@ using InstallReport = std::function<void(const QString &message, int phase, bool
 enum class JobEnd {
     Reported, // the outcome is in the reports; the run goes on to its end
     QuitForSwap, // automatic mode: the swap script waits for this process to go
+    DownloadAgain, // a continued package failed its digest: fetch it once more, whole
 };

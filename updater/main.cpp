@@ -5,6 +5,7 @@
 
 #include <QApplication>
 #include <QLockFile>
+#include <QNetworkProxyFactory>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTimer>
@@ -41,6 +42,11 @@ int main(int argc, char *argv[])
         delete app;
         return 0;
     }
+
+    // Managed Macs reach the internet only through the proxy set in System
+    // Settings; whatever a Qt build's default, the query and the package
+    // both go the way the system says.
+    QNetworkProxyFactory::setUseSystemConfiguration(true);
 
     const RunFlags flags
         = readRunFlags(QCoreApplication::arguments(), [] { return QSystemTrayIcon::isSystemTrayAvailable(); });

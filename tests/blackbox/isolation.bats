@@ -28,10 +28,11 @@ overlap() {
     until_true script_waits_for_idle
     publish_app "$2" second
     updater > "$SB/second.out" 2>&1 &
-    # The second run downloads, then refuses before unpacking; its window
-    # stays until the user closes it, which ends the run.
-    until_true "requested 'GET \"$PACKAGE\" 200' && [ ! -e '$TEMP/VelmoraUpdate.zip' ]"
+    # The second run asks for the release, then refuses before it downloads
+    # anything; its window stays until the user closes it, which ends the run.
+    until_true "[ \"\$(grep -cF -- '$QUERY' '$BLACKBOX_SERVICE/access.log')\" = 2 ]"
     sleep 1
+    not_requested "GET \"$PACKAGE\""
     [ "$(grep -c '^EXPECT_VER=' "$TEMP/velmora_apply_update.sh")" = 1 ]
     grep -qxF "EXPECT_VER='$1'" "$TEMP/velmora_apply_update.sh"
     pkill -TERM -x VelmoraUpdater

@@ -88,7 +88,9 @@ void HttpsTestServer::answer(QTcpSocket *socket, const QByteArray &request)
         recorded.headers.append({line.left(line.indexOf(':')), line.mid(line.indexOf(':') + 1).trimmed()});
     m_requests.append(recorded);
 
-    const ScriptedResponse response = m_script.value(recorded.path, ScriptedResponse::error(404));
+    const ScriptedResponse response = m_handlers.contains(recorded.path)
+        ? m_handlers.value(recorded.path)(recorded)
+        : m_script.value(recorded.path, ScriptedResponse::error(404));
     if (!response.answered)
         return;
     // Qt's error text for a failed reply quotes the reason phrase.
@@ -98,6 +100,29 @@ void HttpsTestServer::answer(QTcpSocket *socket, const QByteArray &request)
         head += name + ": " + value + "\r\n";
     if (response.contentLength)
         head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
-    socket->write(head + "Connection: close\r\n\r\n" + response.body);
-    socket->disconnectFromHost();
+    const qint64 limit = qMax(response.cutAfter, response.stallAfter);
+    const QByteArray body = limit >= 0 ? response.body.left(limit) : response.body;
+    m_requests.last().bodySent = body.size();
+    socket->write(head + "Connection: close\r\n\r\n" + body);
+    // A cut answer is closed like a whole one, short of its announced length.
+    if (response.stallAfter < 0)
+        socket->disconnectFromHost();
+}
+
+ScriptedResponse ScriptedResponse::file(const RecordedRequest &request, const QByteArray &body, const QByteArray &etag)
+{
+    const QByteArray range = request.header("Range"), ifRange = request.header("If-Range");
+    ScriptedResponse whole = ok(body);
+    whole.headers.append({"ETag", etag});
+    if (!range.startsWith("bytes=") || !range.endsWith('-') || (!ifRange.isEmpty() && ifRange != etag))
+        return whole;
+    const qint64 first = range.mid(6).chopped(1).toLongLong();
+    if (first >= body.size())
+        return {416, {{"Content-Range", "bytes */" + QByteArray::number(body.size())}}, {}};
+    const QByteArray total = QByteArray::number(body.size());
+    return {206,
+            {{"ETag", etag},
+             {"Content-Range",
+              "bytes " + QByteArray::number(first) + '-' + QByteArray::number(body.size() - 1) + '/' + total}},
+            body.mid(first)};
 }

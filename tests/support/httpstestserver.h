@@ -12,6 +12,8 @@
 #include <QTcpServer>
 #include <QUrl>
 
+#include <functional>
+
 class QTcpSocket;
 
 using HeaderList = QList<QPair<QByteArray, QByteArray>>;
@@ -22,6 +24,7 @@ struct RecordedRequest
     QByteArray target; // path and query as sent
     QByteArray path;
     HeaderList headers;
+    qint64 bodySent = 0; // bytes of the answer's body written to the connection
 
     // Every value of the header (name in any case), joined by ", " as HTTP
     // joins repeated fields, so that a duplicate shows; empty when absent.
@@ -35,6 +38,10 @@ struct ScriptedResponse
     QByteArray body;
     bool answered = true; // false: the request is read, and the connection stays silent
     bool contentLength = true; // false: the body ends with the connection
+    // A network that misbehaves: only this many bytes of the body go out,
+    // then the connection drops (cutAfter) or falls silent (stallAfter).
+    qint64 cutAfter = -1;
+    qint64 stallAfter = -1;
 
     static ScriptedResponse ok(const QByteArray &body, const QByteArray &contentType = "application/octet-stream")
     {
@@ -44,7 +51,12 @@ struct ScriptedResponse
     static ScriptedResponse error(int status) { return {status, {{"Content-Type", "text/plain"}}, "error\n"}; }
     static ScriptedResponse redirect(const QByteArray &to, int status = 302) { return {status, {{"Location", to}}}; }
     static ScriptedResponse neverAnswer() { return {200, {}, {}, false}; }
+    // A static file as a file server serves it: Range ("bytes=N-") and
+    // If-Range honoured, 416 past the end.
+    static ScriptedResponse file(const struct RecordedRequest &request, const QByteArray &body, const QByteArray &etag);
 };
+
+using ResponseHandler = std::function<ScriptedResponse(const RecordedRequest &request)>;
 
 class HttpsTestServer : public QTcpServer
 {
@@ -61,6 +73,8 @@ public:
     QUrl url(const QByteArray &pathAndQuery) const { return QUrl(baseUrl() + pathAndQuery, QUrl::TolerantMode); }
 
     void setResponse(const QByteArray &path, const ScriptedResponse &response) { m_script.insert(path, response); }
+    // Answers each request to path from what it asked.
+    void setHandler(const QByteArray &path, const ResponseHandler &handler) { m_handlers.insert(path, handler); }
     QList<RecordedRequest> requests() const { return m_requests; }
     // Trusts the test certificate in this process's default TLS
     // configuration; the certificate is made with openssl once per process.
@@ -74,6 +88,7 @@ private:
 
     Mode m_mode;
     QHash<QByteArray, ScriptedResponse> m_script;
+    QHash<QByteArray, ResponseHandler> m_handlers;
     QList<RecordedRequest> m_requests;
 };
 
