@@ -1,3 +1,4 @@
+#include "backgroundprocess.h"
 #include "commandline.h"
 #include "installlocation.h"
 #include "updatechecker.h"
@@ -16,10 +17,15 @@ int main(int argc, char *argv[])
 {
     // Qt reads this while constructing the application: a background run must
     // never become a foreground process with a Dock icon.
-    if (rawArgumentsRequestAutoMode(argc, argv))
+    const bool autoRequested = rawArgumentsRequestAutoMode(argc, argv);
+    if (autoRequested)
         qputenv("QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM", "1");
 
     auto *app = new QApplication(argc, argv);
+    // The variable alone is not enough inside the application's bundle (see
+    // backgroundprocess_mac.mm); nothing has been shown yet.
+    if (autoRequested)
+        makeProcessBackgroundOnly();
     QGuiApplication::setQuitOnLastWindowClosed(false);
     QCoreApplication::setApplicationName(QStringLiteral("VelmoraUpdater"));
     QCoreApplication::setOrganizationName(QStringLiteral("VelmoraLabs"));
