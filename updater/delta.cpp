@@ -1,6 +1,6 @@
 #include "delta.h"
 
-#include "packagesignature.h"
+#include "sha256stream.h"
 
 #include <QDir>
 #include <QDirIterator>

@@ -118,32 +118,6 @@ TrustedClaims deltaClaims(const QString &version, const QString &from)
     return {{"version", required(version)}, {"from", required(from)}, {"kind", QStringLiteral("delta")}};
 }
 
-struct Sha256Stream::State
-{
-    crypto_hash_sha256_state sha256;
-};
-
-Sha256Stream::Sha256Stream()
-    : m_state(std::make_unique<State>())
-{
-    sodiumReady();
-    crypto_hash_sha256_init(&m_state->sha256);
-}
-
-Sha256Stream::~Sha256Stream() = default;
-
-void Sha256Stream::add(const uchar *data, qint64 size)
-{
-    crypto_hash_sha256_update(&m_state->sha256, data, static_cast<unsigned long long>(size));
-}
-
-QByteArray Sha256Stream::result()
-{
-    QByteArray digest(crypto_hash_sha256_BYTES, Qt::Uninitialized);
-    crypto_hash_sha256_final(&m_state->sha256, reinterpret_cast<uchar *>(digest.data()));
-    return digest;
-}
-
 bool parseSigningKeys(const QByteArray &text, QList<SigningKey> *keys, QString *error)
 {
     const auto fail = [error](const QString &reason) {

@@ -5,8 +5,6 @@
 #include <QPair>
 #include <QString>
 
-#include <memory>
-
 // A publisher key: the 8-byte id that a signature names, and the Ed25519
 // public key that must verify it.
 struct SigningKey
@@ -34,22 +32,6 @@ struct PackageDigests
 };
 
 PackageDigests digestPackage(const QString &path);
-
-// SHA-256 fed in pieces, by the implementation digestPackage uses: libsodium's
-// when the build has it, about twice as fast as Qt's, which counts where a
-// whole bundle is hashed.
-class Sha256Stream
-{
-public:
-    Sha256Stream();
-    ~Sha256Stream();
-    void add(const uchar *data, qint64 size);
-    QByteArray result(); // raw 32 bytes; the stream is spent afterwards
-
-private:
-    struct State;
-    std::unique_ptr<State> m_state;
-};
 
 // Anything but Valid is a refusal.
 enum class SignatureVerdict {

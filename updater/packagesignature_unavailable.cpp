@@ -37,28 +37,6 @@ TrustedClaims deltaClaims(const QString &version, const QString &from)
     return {{"version", version}, {"from", from}, {"kind", QStringLiteral("delta")}};
 }
 
-struct Sha256Stream::State
-{
-    QCryptographicHash sha256{QCryptographicHash::Sha256};
-};
-
-Sha256Stream::Sha256Stream()
-    : m_state(std::make_unique<State>())
-{
-}
-
-Sha256Stream::~Sha256Stream() = default;
-
-void Sha256Stream::add(const uchar *data, qint64 size)
-{
-    m_state->sha256.addData(QByteArrayView(reinterpret_cast<const char *>(data), size));
-}
-
-QByteArray Sha256Stream::result()
-{
-    return m_state->sha256.result();
-}
-
 SignatureVerdict verifyPackageSignature(const QByteArray &, const QList<SigningKey> &, const QString &,
                                         const PackageDigests &, const TrustedClaims &)
 {
