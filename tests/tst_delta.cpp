@@ -1,0 +1,194 @@
+// The delta path: a delta made by the publisher's builder from two real
+// packages is applied to the old bundle as unzip unpacks it, and must give
+// exactly what unzip gives from the new package; every damaged delta, edited
+// installed bundle or frame over the window limit is refused with its
+// reason, leaves no partial bundle and writes nothing outside the output.
+
+#include "delta.h"
+#include "testfiles.h"
+
+#include <QDirIterator>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Each entry below a folder as "path type mode size target-or-digest",
+// seen without following links, sorted.
+static QStringList listing(const QString &root)
+{
+    QStringList lines;
+    for (QDirIterator it(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                         QDirIterator::Subdirectories);
+         it.hasNext();) {
+        const QString path = it.next();
+        struct stat status
+        {
+        };
+        char target[1024] = {};
+        QByteArray detail;
+        if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
+            detail = "unreadable";
+        else if (S_ISLNK(status.st_mode))
+            detail = QByteArray(target, int(::readlink(QFile::encodeName(path).constData(), target, sizeof target)));
+        else if (S_ISREG(status.st_mode))
+            detail = sha256Hex(readFile(path)).toLatin1();
+        lines << QStringLiteral("%1 %2 %3")
+                     .arg(path.mid(root.size()), QString::number(status.st_mode, 8), QString::fromLatin1(detail));
+    }
+    lines.sort();
+    return lines;
+}
+
+static bool unzip(const QString &package, const QString &into)
+{
+    QProcess tool;
+    tool.start(QStringLiteral("unzip"), {"-q", package, "-d", into});
+    return tool.waitForFinished(30000) && tool.exitCode() == 0;
+}
+
+class TestDelta : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QByteArray m_delta;
+    DeltaManifest m_manifest;
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+    QByteArray code(int size, uint seed) const
+    {
+        QByteArray bytes(size, Qt::Uninitialized);
+        std::generate(bytes.begin(), bytes.end(), [&seed] { return char((seed = seed * 1103515245 + 12345) >> 24); });
+        return bytes;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        // Old and new differ in every way a release can: a patched engine,
+        // a moved file, new files (one of 300 KB, sent whole), an empty
+        // file, an empty read-only folder, modes, framework links, and a
+        // link beside a folder of nearly the same name.
+        const QString old = path("old/Velmora.app/Contents/"), next = path("new/Velmora.app/Contents/");
+        QVERIFY(writeBundle(path("old/Velmora.app"), "1.0.0") && writeBundle(path("new/Velmora.app"), "2.0.0"));
+        const QByteArray engine = code(100000, 1);
+        QVERIFY(writeFile(old + "MacOS/engine", engine, true)
+                && writeFile(next + "MacOS/engine", engine.left(40000) + "patch" + engine.mid(40100), true));
+        QVERIFY(writeFile(old + "Resources/old-name.txt", "moved, not changed")
+                && writeFile(next + "Resources/Sub/new-name.txt", "moved, not changed"));
+        QVERIFY(writeFile(old + "Resources/private.txt", "kept") && writeFile(next + "Resources/private.txt", "kept"));
+        QVERIFY(QFile::setPermissions(old + "Resources/private.txt", QFile::ReadOwner | QFile::WriteOwner)
+                && QFile::setPermissions(next + "Resources/private.txt", QFile::ReadOwner | QFile::WriteOwner));
+        QVERIFY(writeFile(next + "Resources/big.bin", code(300000, 2)) && writeFile(next + "Resources/zz.txt", "new")
+                && writeFile(next + "Resources/empty.txt", "") && writeFile(next + "aab/f", "inside"));
+        QVERIFY(QDir().mkpath(next + "Resources/Empty")
+                && QFile::setPermissions(next + "Resources/Empty", QFile::ReadOwner | QFile::ExeOwner));
+        for (const QString &contents : {old, next}) {
+            QVERIFY(writeFile(contents + "Frameworks/F.framework/Versions/A/F", "library"));
+            QVERIFY(QFile::link("A", contents + "Frameworks/F.framework/Versions/Current")
+                    && QFile::link("Versions/Current/F", contents + "Frameworks/F.framework/F"));
+        }
+        QVERIFY(QDir().mkpath(path("escape")) && QFile::link(path("escape"), next + "aaa"));
+        QVERIFY(writeFile(path("old.zip"), zipFolder(path("old")))
+                && writeFile(path("new.zip"), zipFolder(path("new"))));
+
+        QProcess builder;
+        builder.start(QStringLiteral(VELMORA_TEST_SOURCE_DIR "/../scripts/make-delta"),
+                      {path("old.zip"), path("new.zip"), path("good.delta"), "--jobs", "1"});
+        QVERIFY2(builder.waitForFinished(60000) && builder.exitCode() == 0, builder.readAllStandardError());
+        m_delta = readFile(path("good.delta"));
+        QString error;
+        QVERIFY2(readDeltaManifest(reinterpret_cast<const uchar *>(m_delta.constData()), m_delta.size(), {},
+                                   &m_manifest, &error),
+                 qPrintable(error));
+        QVERIFY(unzip(path("new.zip"), path("reference")));
+    }
+
+    void apply_data()
+    {
+        QTest::addColumn<QString>("damage"); // to the delta: "payload:P" or "sha:P" (of entry P), "cut", "FROM=TO"
+        QTest::addColumn<QString>("edit"); // to the installed bundle: "edit:P" rewrites P, "link:P" makes it a link
+        QTest::addColumn<int>("windowLog");
+        QTest::addColumn<QString>("reason"); // a part of it; empty: accepted and equal to the unzipped package
+
+        QTest::newRow("builds what unzip gives") << ""
+                                                 << "" << 27 << "";
+        QTest::newRow("refuses an edited base") << ""
+                                                << "edit:Contents/MacOS/engine" << 27 << "differs from";
+        QTest::newRow("refuses a base that became a link") << ""
+                                                           << "link:Contents/MacOS/engine" << 27 << "is not the file";
+        QTest::newRow("refuses an edited unchanged file")
+            << ""
+            << "edit:Contents/Resources/private.txt" << 27 << "does not match its SHA-256";
+        QTest::newRow("refuses a frame that does not decode") << "payload:Contents/MacOS/engine"
+                                                              << "" << 27 << "cannot decode";
+        QTest::newRow("refuses a result that is not the manifest's") << "sha:Contents/Resources/zz.txt"
+                                                                     << "" << 27 << "does not match its SHA-256";
+        QTest::newRow("refuses an absolute path") << "Contents/Resources/zz.txt=/tmp/velmora-delta-zz.txt"
+                                                  << "" << 27 << "escaping path";
+        QTest::newRow("refuses a path out of the bundle") << "Contents/Resources/zz.txt=Contents/../../../zz.txtx"
+                                                          << "" << 27 << "escaping path";
+        QTest::newRow("refuses a write through a link") << "Contents/aab/f=Contents/aaa/f"
+                                                        << "" << 27 << "not inside a folder";
+        QTest::newRow("refuses a window over the limit") << ""
+                                                         << "" << 18 << "window over the limit";
+        QTest::newRow("refuses a truncated delta") << "cut"
+                                                   << "" << 27 << "do not add up";
+    }
+
+    void apply()
+    {
+        QFETCH(QString, damage);
+        QFETCH(QString, edit);
+        QFETCH(int, windowLog);
+        QFETCH(QString, reason);
+
+        QTemporaryDir run;
+        QVERIFY(unzip(path("old.zip"), run.filePath("installed")) && QDir().mkpath(run.filePath("out")));
+        const QString installed = run.filePath("installed/Velmora.app");
+        const QString edited = installed + '/' + edit.section(':', 1);
+        QByteArray bytes = readFile(edited);
+        if (edit.startsWith("edit:")) // the same size: only the digest can tell
+            QVERIFY(writeFile(edited, bytes.replace(0, 1, "~")));
+        if (edit.startsWith("link:"))
+            QVERIFY(QFile::rename(edited, edited + ".real") && QFile::link(edited + ".real", edited));
+
+        QByteArray delta = m_delta;
+        const QByteArray target = damage.section(':', 1).toUtf8();
+        for (const DeltaEntry &entry : std::as_const(m_manifest.entries)) {
+            if (target.isEmpty() || entry.path != target)
+                continue;
+            if (damage.startsWith("payload:"))
+                delta[entry.payloadOffset + entry.payloadSize / 2]
+                    = ~delta[entry.payloadOffset + entry.payloadSize / 2];
+            else
+                delta[delta.indexOf(entry.sha256)] = ~entry.sha256[0];
+        }
+        if (damage == "cut")
+            delta.chop(1);
+        if (damage.contains('=')) {
+            const QByteArray from = damage.section('=', 0, 0).toUtf8(), to = damage.section('=', 1).toUtf8();
+            QVERIFY(from.size() == to.size() && delta.count(from) == 1);
+            delta.replace(from, to);
+        }
+        QVERIFY(writeFile(run.filePath("delta"), delta));
+
+        DeltaLimits limits;
+        limits.maxWindowLog = windowLog;
+        const DeltaResult result = applyDelta(run.filePath("delta"), installed, run.filePath("out"), limits);
+        QVERIFY(QDir(path("escape")).isEmpty() && !QFile::exists("/tmp/velmora-delta-zz.txt"));
+        if (reason.isEmpty()) {
+            QVERIFY2(result.ok, qPrintable(result.reason));
+            QCOMPARE(listing(run.filePath("out")), listing(path("reference")));
+            return;
+        }
+        QVERIFY(!result.ok);
+        QVERIFY2(result.reason.contains(reason), qPrintable(result.reason));
+        QVERIFY(!QFile::exists(run.filePath("out/Velmora.app")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDelta)
+#include "tst_delta.moc"
