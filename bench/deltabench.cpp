@@ -2,7 +2,7 @@
 //
 //   deltabench DELTA INSTALLED_BUNDLE OUTPUT_DIR
 //
-// Prints: seconds=S peak_rss_kib=K ok=0|1 reason="…". OUTPUT_DIR must be an
+// Prints: seconds=S cpu_seconds=C peak_rss_kib=K ok=0|1 reason="…". OUTPUT_DIR must be an
 // empty folder; the new bundle is left in it as OUTPUT_DIR/Velmora.app.
 
 #include "benchsupport.h"
@@ -21,10 +21,11 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: deltabench DELTA INSTALLED_BUNDLE OUTPUT_DIR\n");
         return 2;
     }
+    const double cpuBefore = cpuSeconds();
     QElapsedTimer clock;
     clock.start();
     const DeltaResult result = applyDelta(args.at(0), args.at(1), args.at(2));
-    std::printf("seconds=%.4f peak_rss_kib=%ld ok=%d reason=\"%s\"\n", clock.nsecsElapsed() / 1e9, peakRssKib(),
-                result.ok, qPrintable(result.reason));
+    std::printf("seconds=%.4f cpu_seconds=%.3f peak_rss_kib=%ld ok=%d reason=\"%s\"\n", clock.nsecsElapsed() / 1e9,
+                cpuSeconds() - cpuBefore, peakRssKib(), result.ok, qPrintable(result.reason));
     return result.ok ? 0 : 1;
 }

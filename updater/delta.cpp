@@ -117,6 +117,18 @@ bool mapFile(MappedFile *mapped, const QString &path)
     return mapped->data != nullptr;
 }
 
+// The window a frame asks the decoder for, from its header: the content
+// size for a single-segment frame, else its window descriptor. The caller
+// has checked that the header is complete.
+quint64 frameWindow(const uchar *frame, quint64 contentSize)
+{
+    constexpr uchar singleSegment = 0x20;
+    if (frame[4] & singleSegment)
+        return contentSize;
+    const quint64 base = quint64(1) << (10 + (frame[5] >> 3));
+    return base + base / 8 * (frame[5] & 7);
+}
+
 QByteArray sha256Of(const uchar *data, qint64 size)
 {
     Sha256Stream hash;
@@ -201,6 +213,12 @@ bool Applier::decode(const DeltaEntry &entry, const MappedFile *base, QFile *out
     // never make the file larger than the manifest (and the disk check) says.
     if (ZSTD_getFrameContentSize(frame, frameSize) != quint64(entry.size))
         return fail(QStringLiteral("the frame of %1 does not announce its size in the manifest").arg(name));
+    // Checked here as well as by the decoder, which skips its own check when
+    // it can decode a frame in one pass.
+    if (frameWindow(frame, quint64(entry.size)) > (quint64(1) << m_limits.maxWindowLog))
+        return fail(QStringLiteral("the frame of %1 needs a window over the limit of %2 KiB")
+                        .arg(name)
+                        .arg((qint64(1) << m_limits.maxWindowLog) >> 10));
     ZSTD_DCtx *dctx = m_dctx.get();
     ZSTD_DCtx_reset(dctx, ZSTD_reset_session_and_parameters);
     if (ZSTD_isError(ZSTD_DCtx_setParameter(dctx, ZSTD_d_windowLogMax, m_limits.maxWindowLog)))
@@ -208,6 +226,10 @@ bool Applier::decode(const DeltaEntry &entry, const MappedFile *base, QFile *out
     if (base && ZSTD_isError(ZSTD_DCtx_refPrefix(dctx, base->data, size_t(base->size))))
         return fail(QStringLiteral("cannot use the base of %1").arg(name));
 
+    // Room for the whole file, up to the window limit, lets zstd decode in
+    // one pass straight into it instead of through a window of its own.
+    if (entry.size <= (qint64(1) << m_limits.maxWindowLog) && m_buffer.size() < entry.size)
+        m_buffer.resize(qsizetype(entry.size));
     ZSTD_inBuffer in{frame, frameSize, 0};
     qint64 written = 0;
     for (;;) {
