@@ -116,6 +116,7 @@ void TestPackageSignature::initTestCase()
         {"xversion", sign("key1", "package", "xversion:2.0.0")},
         {"two versions", sign("key1", "package", "version:2.0.0 version:9.9.9")},
         {"delta", sign("key1", "package", "version:2.0.0 from:1.0.0 kind:delta")},
+        {"delta without kind", sign("key1", "package", "version:2.0.0 from:1.0.0")},
     };
     for (const QByteArray &signature : std::as_const(m_signatures))
         QVERIFY(!signature.isEmpty());
@@ -138,7 +139,7 @@ void TestPackageSignature::verify_data()
 {
     QTest::addColumn<QString>("signature");
     QTest::addColumn<QString>("keys");
-    QTest::addColumn<QString>("expectedVersion");
+    QTest::addColumn<QString>("expectedVersion"); // "2.0.0<1.0.0": a delta to 2.0.0 from 1.0.0
     QTest::addColumn<SignatureVerdict>("verdict");
 
     using V = SignatureVerdict;
@@ -160,6 +161,10 @@ void TestPackageSignature::verify_data()
     row("refuses a token that only ends in version:", "xversion", "1", "2.0.0", V::WrongVersion);
     row("refuses two versions, the right one among them", "two versions", "1", "9.9.9", V::WrongVersion);
     row("refuses a delta's signature for a package", "delta", "1", "2.0.0", V::WrongVersion);
+    row("accepts a delta's signature for that delta", "delta", "1", "2.0.0<1.0.0", V::Valid);
+    row("refuses a package's signature for a delta", "key 1", "1", "2.0.0<1.0.0", V::WrongVersion);
+    row("refuses a delta from another installed version", "delta", "1", "2.0.0<1.0.1", V::WrongVersion);
+    row("refuses a delta's signature without its kind", "delta without kind", "1", "2.0.0<1.0.0", V::WrongVersion);
     row("refuses a trusted comment edited after signing", "comment altered", "1", "2.0.0", V::BadGlobalSignature);
     row("refuses a damaged global signature", "global corrupted", "1", "2.0.0", V::BadGlobalSignature);
     row("refuses carriage returns", "crlf", "1", "2.0.0", V::Malformed);
@@ -176,8 +181,10 @@ void TestPackageSignature::verify()
     QFETCH(SignatureVerdict, verdict);
 
     QVERIFY(m_signatures.contains(signature));
+    const QStringList delta = expectedVersion.split('<');
+    const TrustedClaims claims = delta.size() == 2 ? deltaClaims(delta[0], delta[1]) : packageClaims(expectedVersion);
     QCOMPARE(verifyPackageSignature(m_signatures.value(signature), this->keys(keys), m_dir.filePath("package"),
-                                    m_digests, packageClaims(expectedVersion)),
+                                    m_digests, claims),
              verdict);
 }
 

@@ -101,10 +101,21 @@ bool makesClaims(const QByteArray &trustedComment, const TrustedClaims &claims)
 
 } // namespace
 
+// An empty value would make the claim optional; nothing is signed for no
+// release, and no token can hold a space.
+static QString required(const QString &value)
+{
+    return value.isEmpty() ? QStringLiteral(" ") : value;
+}
+
 TrustedClaims packageClaims(const QString &version)
 {
-    // An empty version would make "version:" optional; nothing is signed for no release.
-    return {{"version", version.isEmpty() ? QStringLiteral(" ") : version}, {"kind", {}}, {"from", {}}};
+    return {{"version", required(version)}, {"kind", {}}, {"from", {}}};
+}
+
+TrustedClaims deltaClaims(const QString &version, const QString &from)
+{
+    return {{"version", required(version)}, {"from", required(from)}, {"kind", QStringLiteral("delta")}};
 }
 
 bool parseSigningKeys(const QByteArray &text, QList<SigningKey> *keys, QString *error)

@@ -54,6 +54,11 @@ using TrustedClaims = QList<QPair<QByteArray, QString>>;
 // signature of a delta never passes for one of a package.
 TrustedClaims packageClaims(const QString &version);
 
+// A delta: version:<release>, from:<installed version it patches> and
+// kind:delta, so that neither a package's signature nor one of a delta from
+// another version passes for it.
+TrustedClaims deltaClaims(const QString &version, const QString &from);
+
 // Checks a .minisig file against the configured keys. digests must come from
 // digestPackage(packagePath): a prehashed signature (the minisign default)
 // uses them; only a legacy signature reads the file again.

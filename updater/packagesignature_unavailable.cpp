@@ -32,6 +32,11 @@ TrustedClaims packageClaims(const QString &version)
     return {{"version", version}};
 }
 
+TrustedClaims deltaClaims(const QString &version, const QString &from)
+{
+    return {{"version", version}, {"from", from}, {"kind", QStringLiteral("delta")}};
+}
+
 SignatureVerdict verifyPackageSignature(const QByteArray &, const QList<SigningKey> &, const QString &,
                                         const PackageDigests &, const TrustedClaims &)
 {
