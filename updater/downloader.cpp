@@ -5,6 +5,7 @@
 #include "installlocation.h"
 #include "localisation.h"
 #include "phase.h"
+#include "releaseinfo.h"
 #include "updatepublickeys.h"
 #include "verification.h"
 
@@ -15,6 +16,7 @@
 #include <QFutureWatcher>
 #include <QNetworkAccessManager>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QThreadPool>
 #include <QUrl>
@@ -84,8 +86,38 @@ Downloader::Downloader(const QString &version, const QString &url, const QString
         fail(translate("upd_install_busy"));
         return;
     }
+    m_installedBundle = location.dstApp;
+    m_deltaFrom = deltaBaseVersion(m_installedBundle);
     if (!startDownload())
         fail(translate("upd_file_create_failed").arg(m_packageFilePath));
+}
+
+// Only a signed delta can be trusted (the record's digest names the
+// package), it can only be built on the bundle it was made from, and a
+// forced run is asked to repair whatever is there: the whole package then.
+QString Downloader::deltaBaseVersion(const QString &installedBundle) const
+{
+    if (!requireSignature || hasArgument(QStringLiteral("--force"), m_arguments)
+        || hasArgument(QStringLiteral("--repair"), m_arguments))
+        return {};
+    const QString installed = readInstalledVersion(installedBundle);
+    static const QRegularExpression urlSafe(QStringLiteral("^[0-9A-Za-z.+-]{1,64}$"));
+    if (!parseVersion(installed).valid || !urlSafe.match(installed).hasMatch())
+        return {};
+    return installed;
+}
+
+// Beside the package: its path with a suffix, any query kept.
+QString Downloader::deltaUrl(const char *suffix) const
+{
+    QUrl url(m_downloadUrl);
+    url.setPath(url.path() + QStringLiteral(".from-%1.delta").arg(m_deltaFrom) + QLatin1String(suffix));
+    return url.toString();
+}
+
+QString Downloader::transferPath() const
+{
+    return m_deltaFrom.isEmpty() ? m_packageFilePath : m_packageFilePath.chopped(4) + QStringLiteral(".delta");
 }
 
 Downloader::~Downloader()
@@ -94,12 +126,23 @@ Downloader::~Downloader()
     delete m_transfer;
 }
 
-// The package, continuing a part an earlier run left of this very release.
+// The package, continuing a part an earlier run left of this very release;
+// or first the delta from the installed version, which is never kept across
+// runs (it is small, and one partial is all a run leaves behind).
 bool Downloader::startDownload()
 {
-    m_transfer = new Transfer(m_manager, m_downloadUrl, m_packageFilePath, m_policy, this);
-    if (!m_transfer->open(m_packageFilePath + QStringLiteral(".partial"), {m_downloadUrl, m_expectedSha256, m_version}))
-        return false;
+    if (!m_deltaFrom.isEmpty()) {
+        m_transfer = new Transfer(m_manager, deltaUrl(), transferPath(), m_policy, this);
+        if (!m_transfer->open()) {
+            fallBackToPackage(QStringLiteral("its file could not be made"));
+            return true;
+        }
+    } else {
+        m_transfer = new Transfer(m_manager, m_downloadUrl, m_packageFilePath, m_policy, this);
+        if (!m_transfer->open(m_packageFilePath + QStringLiteral(".partial"),
+                              {m_downloadUrl, m_expectedSha256, m_version}))
+            return false;
+    }
     setPhase(Phase::Connecting);
     setStatus(translate("upd_connecting"));
     connect(m_transfer, &Transfer::progress, this, &Downloader::onDownloadProgress);
@@ -148,10 +191,14 @@ void Downloader::onDownloadFinished(TransferEnd end)
     Transfer *transfer = m_transfer;
     m_transfer = nullptr;
     transfer->deleteLater();
+    if (!m_deltaFrom.isEmpty() && (end == TransferEnd::Failed || end == TransferEnd::Interrupted)) {
+        fallBackToPackage(transfer->failure());
+        return;
+    }
     switch (end) {
     case TransferEnd::Complete:
-        m_packageDownloaded = true;
-        m_packageResumed = transfer->resumed();
+        m_packageDownloaded = m_deltaFrom.isEmpty();
+        m_packageResumed = m_packageDownloaded && transfer->resumed();
         setProgress(100);
         if (requireSignature)
             fetchSignature();
@@ -178,8 +225,8 @@ void Downloader::fetchSignature()
     // not worth the disk or the memory.
     TransferPolicy policy = m_policy;
     policy.maxBytes = maxSignatureBytes;
-    m_transfer = new Transfer(m_manager, m_downloadUrl + QStringLiteral(".minisig"),
-                              m_packageFilePath + QStringLiteral(".minisig"), policy, this);
+    const QString url = m_deltaFrom.isEmpty() ? m_downloadUrl + QStringLiteral(".minisig") : deltaUrl(".minisig");
+    m_transfer = new Transfer(m_manager, url, transferPath() + QStringLiteral(".minisig"), policy, this);
     connect(m_transfer, &Transfer::finished, this, &Downloader::onSignatureFinished);
     if (m_transfer->open())
         m_transfer->start();
@@ -192,9 +239,9 @@ void Downloader::onSignatureFinished(TransferEnd end)
     Transfer *transfer = m_transfer;
     m_transfer = nullptr;
     transfer->deleteLater();
-    const QString path = m_packageFilePath + QStringLiteral(".minisig");
+    const QString path = transferPath() + QStringLiteral(".minisig");
     if (end == TransferEnd::Cancelled) {
-        QFile::remove(m_packageFilePath);
+        QFile::remove(transferPath());
         emit done();
         return;
     }
@@ -253,6 +300,13 @@ InstallJobInputs Downloader::jobInputs() const
     inputs.signingKeys = signingKeys;
     inputs.signature = m_signature;
     inputs.packageResumed = m_packageResumed;
+    if (!m_deltaFrom.isEmpty()) {
+        inputs.deltaPath = transferPath();
+        inputs.deltaSignature = m_signature;
+        inputs.deltaFrom = m_deltaFrom;
+        inputs.installedBundle = m_installedBundle;
+        inputs.signature.clear();
+    }
     return inputs;
 }
 
@@ -269,6 +323,24 @@ void Downloader::endJob(JobEnd end)
     else if (end == JobEnd::DownloadAgain)
         QMetaObject::invokeMethod(
             this, [this] { downloadAgain(); }, Qt::QueuedConnection);
+    else if (end == JobEnd::FullPackage)
+        QMetaObject::invokeMethod(
+            this, [this] { fallBackToPackage({}); }, Qt::QueuedConnection);
+}
+
+// Whatever kept the delta from use is the publisher's affair or a changed
+// bundle, never the user's: it goes to standard error, and the download
+// goes on with the package as if no delta had been offered.
+void Downloader::fallBackToPackage(const QString &reason)
+{
+    if (!reason.isEmpty())
+        qWarning().noquote() << "[Downloader] Delta not used, downloading the whole package:" << reason;
+    QFile::remove(transferPath());
+    QFile::remove(transferPath() + QStringLiteral(".minisig"));
+    m_deltaFrom.clear();
+    m_signature.clear();
+    if (!startDownload())
+        failDownload(translate("upd_file_create_failed").arg(m_packageFilePath));
 }
 
 // A package continued from a kept part did not match its digest: the part

@@ -81,6 +81,10 @@ private:
     void fetchSignature();
     void onSignatureFinished(TransferEnd end);
     void downloadAgain();
+    QString deltaBaseVersion(const QString &installedBundle) const;
+    void fallBackToPackage(const QString &reason);
+    QString transferPath() const;
+    QString deltaUrl(const char *suffix = "") const;
     void applyState(const QString &message, int phase, bool error);
     InstallJobInputs jobInputs() const;
     InstallReport reporter();
@@ -118,6 +122,9 @@ private:
     Transfer *m_transfer = nullptr;
     bool m_packageDownloaded = false;
     bool m_packageResumed = false;
+    // Set while a delta from this installed version is tried before the package.
+    QString m_deltaFrom;
+    QString m_installedBundle;
     QElapsedTimer m_throttle;
     QByteArray m_signature;
     QFutureWatcherBase *m_installWatcher = nullptr;

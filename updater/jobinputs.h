@@ -36,6 +36,13 @@ struct InstallJobInputs
     QByteArray signature;
     // Part of the package came from an earlier attempt or an earlier run.
     bool packageResumed = false;
+    // A delta to build the new bundle from instead of the package, with its
+    // signature, the installed version it was made from and that bundle.
+    // Empty deltaPath: the package.
+    QString deltaPath;
+    QByteArray deltaSignature;
+    QString deltaFrom;
+    QString installedBundle;
 };
 
 // How the worker reports, with postState's meaning: an empty message leaves
@@ -46,4 +53,5 @@ enum class JobEnd {
     Reported, // the outcome is in the reports; the run goes on to its end
     QuitForSwap, // automatic mode: the swap script waits for this process to go
     DownloadAgain, // a continued package failed its digest: fetch it once more, whole
+    FullPackage, // the delta could not be used: fetch the package instead
 };
