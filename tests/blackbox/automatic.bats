@@ -24,3 +24,24 @@ load blackbox_helpers
     [ -z "$(calls pkill)$(calls killall)" ]
     [ "$(cat "$FAKE_STATE/launched")" = 2.0.0 ]
 }
+
+@test "--auto as a standard user installs into a folder the user owns" {
+    install_app 1.0.0 old
+    publish_app 2.0.0 new
+    standard_user
+    chown -R "$AS_USER" "$APPS"
+    run_updater --auto
+    updated 2.0.0 new
+}
+
+@test "--auto reaches the package through the system proxy" {
+    PACKAGE_HOST=packages.velmora.test
+    install_app 1.0.0 old
+    publish_app 2.0.0 new
+    "$BATS_TEST_DIRNAME/connect-proxy" "$SB/proxy.port" "$SB/proxy.log" "$PACKAGE_HOST=127.0.0.1" 3>&- &
+    until [ -s "$SB/proxy.port" ]; do sleep 0.1; done
+    https_proxy=http://127.0.0.1:$(cat "$SB/proxy.port") run_updater --auto
+    kill %1
+    updated 2.0.0 new
+    [ "$(sort -u "$SB/proxy.log")" = "CONNECT $PACKAGE_HOST:$BLACKBOX_PORT" ]
+}

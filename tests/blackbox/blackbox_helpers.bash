@@ -30,16 +30,28 @@ publish_app() {  # VERSION MARKER: the newest release, for every architecture
 }
 publish_zip() {  # ZIP VERSION
     "$BLACKBOX_ROOT/scripts/publish-release" --package "$1" --version "$2" --arch arm64,x86_64,universal \
-        --out "$BLACKBOX_SERVICE/www" --base-url "https://127.0.0.1:$BLACKBOX_PORT/packages" > /dev/null
+        --out "$BLACKBOX_SERVICE/www" --base-url "https://${PACKAGE_HOST:-127.0.0.1}:$BLACKBOX_PORT/packages" > /dev/null
     PACKAGE=/packages/${1##*/}
 }
 
 # updater ARGS...: the real executable, for the sandbox's Applications
-# folder, with the fakes first on PATH, ended after 150 s at the latest.
+# folder, with the fakes first on PATH, ended after 150 s at the latest; as
+# the user AS_USER when it is set (see standard_user).
 updater() {
     PATH="$FAKE_STATE/bin:$PATH" HOME="$SB" XDG_CONFIG_HOME="$SB/config" XDG_RUNTIME_DIR="$SB/runtime" TMPDIR="$TEMP" \
         QT_QPA_PLATFORM=offscreen VELMORA_DEFAULT_LANGUAGE=en timeout -k 5 150 \
+        ${AS_USER:+setpriv --reuid="$AS_USER" --regid="$AS_USER" --clear-groups} \
         "$VELMORA_UPDATER" --install-dir "$APPS" "$@" 3>&-
+}
+
+# standard_user: the next runs are a user who is not root and owns the
+# sandbox (its temporary folder, settings, fakes), but not $APPS.
+standard_user() {
+    local dir=$SB
+    AS_USER=$(id -u nobody)
+    chown -R "$AS_USER:$AS_USER" "$SB"
+    chown root:root "$APPS"
+    while [ "$dir" != "$(dirname "$BATS_RUN_TMPDIR")" ] && [ "$dir" != / ]; do chmod o+x "$dir"; dir=$(dirname "$dir"); done
 }
 
 # run_updater ARGS...: the updater must end by itself with status 0; then

@@ -38,3 +38,14 @@ refused() {  # SWITCH UPDATER-ARGS...: a run against the service so switched (""
     requested "https $QUERY 401 apikey=match authorization=match "
     not_requested /packages/
 }
+
+@test "a standard user who cannot change the install folder downloads nothing" {
+    install_app 1.0.0 old
+    publish_app 2.0.0 new
+    standard_user
+    run_updater --auto
+    requested "https $QUERY 200 "
+    not_requested /packages/
+    installed 1.0.0 old
+    [ -z "$(ls -A "$TEMP" | grep -v '^velmora_updater.lock$')" ]
+}
