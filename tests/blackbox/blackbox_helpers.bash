@@ -24,14 +24,12 @@ setup() {
 
 sample_app() { "$BLACKBOX_ROOT/scripts/make-sample-app" --bundle-id "$VELMORA_BUNDLE_ID" "$@" > /dev/null; }
 install_app() { sample_app --version "$1" --marker "$2" --out "$APPS"; }  # VERSION MARKER
-publish_app() {  # VERSION MARKER: the newest release, for every architecture
+publish_app() {  # VERSION MARKER [PUBLISHER-ARGS...]: the newest release, for every architecture
     sample_app --version "$1" --marker "$2" --out "$SB/release" --zip "$SB/release/Velmora-$1.zip"
-    publish_zip "$SB/release/Velmora-$1.zip" "$1"
-}
-publish_zip() {  # ZIP VERSION
-    "$BLACKBOX_ROOT/scripts/publish-release" --package "$1" --version "$2" --arch arm64,x86_64,universal \
-        --out "$BLACKBOX_SERVICE/www" --base-url "https://127.0.0.1:$BLACKBOX_PORT/packages" > /dev/null
-    PACKAGE=/packages/${1##*/}
+    "$BLACKBOX_ROOT/scripts/publish-release" --package "$SB/release/Velmora-$1.zip" --version "$1" \
+        --arch arm64,x86_64,universal --out "$BLACKBOX_SERVICE/www" \
+        --base-url "https://127.0.0.1:$BLACKBOX_PORT/packages" "${@:3}" > /dev/null
+    PACKAGE=/packages/Velmora-$1.zip
 }
 
 # updater ARGS...: the real executable, for the sandbox's Applications
