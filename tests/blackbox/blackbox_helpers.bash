@@ -61,7 +61,12 @@ installed() {  # VERSION MARKER
     [ "$(/usr/libexec/PlistBuddy -c 'Print :CFBundleShortVersionString' "$DST/Contents/Info.plist") $(cat "$DST/Contents/Resources/build.txt")" = "$1 $2" ]
 }
 
-updated() {  # VERSION MARKER: the package fetched, installed, reported and cleaned up
+# A run says nothing on its standard error (a Qt warning there is a fault),
+# but for the test platform's one limit: offscreen windows cannot be raised.
+quiet() { ! grep -vxF 'This plugin does not support raise()' "$SB/updater.out" || return 1; }
+
+updated() {  # VERSION MARKER: the package fetched, installed, reported and cleaned up, quietly
+    quiet
     requested "https $QUERY 200 apikey=match authorization=match "
     requested "https GET \"$PACKAGE\" 200 apikey=absent authorization=absent ua=\"Mozilla/5.0 VelmoraUpdater/1.0\""
     installed "$1" "$2" || { cat "$TEMP/velmora_update.log" "$SB/updater.out"; return 1; }
@@ -70,7 +75,8 @@ updated() {  # VERSION MARKER: the package fetched, installed, reported and clea
     [ -z "$(ls -d "$TEMP/VelmoraUpdate.zip" "$TEMP/VelmoraExtract/Velmora.app" "$DST.new" "$DST.old" 2>/dev/null)" ]
 }
 
-untouched() {  # the installed 1.0.0 as it was, and nothing handed over
+untouched() {  # the installed 1.0.0 as it was, nothing handed over, nothing said
+    quiet
     installed 1.0.0 old
     [ -z "$(ls "$STATUS_FILE" "$TEMP/velmora_update.log" "$TEMP/VelmoraUpdate.zip" "$DST.new" 2>/dev/null)" ]
 }
