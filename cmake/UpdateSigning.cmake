@@ -48,6 +48,16 @@ else()
                    "packages are checked by their SHA-256 digest only and signature checks are left out")
 endif()
 
+# A production build without keys installs whatever the release service
+# names, as long as the digest it also names matches: say so where the
+# packager looks, not only in the status lines.
+if(NOT VELMORA_UPDATE_SIGNING_REQUIRED
+   AND (CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$" OR CMAKE_CONFIGURATION_TYPES MATCHES "Release"))
+    message(WARNING "VelmoraUpdater: a release build without VELMORA_UPDATE_PUBLIC_KEYS_FILE checks updates by "
+                    "their SHA-256 digest only, which comes from the release service itself. Set it to the "
+                    "publisher's minisign public key (README: \"Signed updates\").")
+endif()
+
 function(velmora_add_update_signing target)
     get_filename_component(sources "${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../updater" ABSOLUTE)
     if(TARGET PkgConfig::VELMORA_SODIUM)

@@ -1,5 +1,7 @@
 #include "backgroundprocess.h"
 #include "commandline.h"
+#include "downloaddialog.h"
+#include "downloader.h"
 #include "installlocation.h"
 #include "updatechecker.h"
 #include "updateoutcome.h"
@@ -9,9 +11,29 @@
 #include <QNetworkProxyFactory>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
+#include <QThreadPool>
 #include <QTimer>
 
 #include <cstdio>
+
+// The run's objects go while the application still stands. Qt takes its
+// event dispatcher and its TLS backend down with the application object: a
+// window destroyed after that starts a timer on a thread without events, and
+// a network thread that only then closes its kept-alive TLS connections loads
+// the backend again without an application. Both warn on standard error.
+static void deleteRunObjects(QApplication *app)
+{
+    // An install worker still at its job (the window closed mid-install)
+    // reports to the Downloader: it ends first, as it would have inside the
+    // application's destructor.
+    QThreadPool::globalInstance()->waitForDone();
+    const QObjectList children = app->children();
+    for (QObject *child : children) {
+        if (qobject_cast<UpdateChecker *>(child) || qobject_cast<Downloader *>(child)
+            || qobject_cast<DownloadDialog *>(child) || qobject_cast<QSystemTrayIcon *>(child))
+            delete child;
+    }
+}
 
 int main(int argc, char *argv[])
 {
@@ -68,6 +90,7 @@ int main(int argc, char *argv[])
     });
 
     const int status = QApplication::exec();
+    deleteRunObjects(app);
     delete app;
     return status;
 }

@@ -27,6 +27,7 @@ load blackbox_helpers
     [ "$(took)" -lt 30 ]
     requested "https $QUERY 200 "
     not_requested /packages/
+    quiet
     installed 2.0.0 current
     [ ! -e "$STATUS_FILE" ]
 }

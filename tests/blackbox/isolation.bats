@@ -26,7 +26,7 @@ overlap() {
     : > "$FAKE_STATE/hold"
     updater --auto > "$SB/first.out" 2>&1
     until_true script_waits_for_idle
-    publish_app "$2" second
+    publish_app "$2" second --replace
     updater > "$SB/second.out" 2>&1 &
     # The second run asks for the release, then refuses before it downloads
     # anything; its window stays until the user closes it, which ends the run.

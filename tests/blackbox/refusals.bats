@@ -24,10 +24,12 @@ refused() {  # SWITCH UPDATER-ARGS...: a run against the service so switched (""
 }
 
 @test "a package without an application bundle installs nothing" {
-    mkdir -p "$SB/docs/Docs"
-    echo "release notes only" > "$SB/docs/Docs/README.txt"
-    (cd "$SB/docs" && zip -q -r "$SB/Velmora-2.0.0.zip" Docs)
-    publish_zip "$SB/Velmora-2.0.0.zip" 2.0.0
+    publish_app 2.0.0 new
+    # The publisher refuses such a package (here: the SQL form of the record
+    # alone); the file server may still serve one.
+    zip -q -j - "$BLACKBOX_SERVICE/www/app_versions.sql" > "$BLACKBOX_SERVICE/www/Velmora-2.0.0.zip"
+    sed -i "s/\"sha256_macos\([a-z0-9_]*\)\": \"[0-9a-f]*\"/\"sha256_macos\1\": \"$(sha256sum < "$BLACKBOX_SERVICE/www/Velmora-2.0.0.zip" | cut -c1-64)\"/" \
+        "$BLACKBOX_SERVICE/www/app_versions.json"
     refused "" --auto
     [ "$(calls ditto)" = "-x -k $TEMP/VelmoraUpdate.zip $TEMP/VelmoraExtract" ]
 }
