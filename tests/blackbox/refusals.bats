@@ -49,5 +49,5 @@ refused() {  # SWITCH UPDATER-ARGS...: a run against the service so switched (""
     requested "https $QUERY 200 "
     not_requested /packages/
     installed 1.0.0 old
-    [ -z "$(ls -A "$TEMP" | grep -v '^velmora_updater.lock$')" ]
+    [ -z "$(find "$TEMP" -mindepth 1 ! -name velmora_updater.lock)" ]
 }
